@@ -1,0 +1,58 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <unistd.h>
+#include <utility>
+
+#include "cancel_shield.h"
+
+namespace keel {
+
+struct free_block {
+    void operator()(void *block) const { std::free(block); }
+};
+
+/* A string from the system allocator. */
+using unique_cstr = std::unique_ptr<char, free_block>;
+
+struct close_stream {
+    void operator()(FILE *stream) const {
+        const cancel_shield shield;
+        std::fclose(stream);
+    }
+};
+
+using unique_file = std::unique_ptr<FILE, close_stream>;
+
+/* An open descriptor, or -1. */
+class unique_fd {
+  public:
+    explicit unique_fd(int descriptor = -1) : descriptor_(descriptor) {}
+    unique_fd(unique_fd &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+    unique_fd &operator=(unique_fd &&other) noexcept {
+        std::swap(descriptor_, other.descriptor_);
+        return *this;
+    }
+    ~unique_fd() { close(); }
+
+    explicit operator bool() const { return descriptor_ != -1; }
+    int get() const { return descriptor_; }
+    int release() { return std::exchange(descriptor_, -1); }
+
+    /* Never retried on EINTR: Linux has let go of the descriptor by then, and another thread may
+     * already hold its number. */
+    int close() {
+        if (descriptor_ == -1)
+            return 0;
+        const cancel_shield shield;
+        return ::close(release());
+    }
+
+  private:
+    int descriptor_;
+};
+
+} // namespace keel

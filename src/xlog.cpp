@@ -1,0 +1,493 @@
+/* SPDX-License-Identifier: MIT */
+#include "xlog.h"
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sys/types.h>
+#include <unistd.h>
+#include <utility>
+
+#include "cancel_shield.h"
+#include "handles.h"
+#include "mutex_lock.h"
+#include "sync_file.h"
+#include "xconf.h"
+#include "xmemory.h"
+#include "xstdio.h"
+#include "xstring.h"
+
+namespace {
+
+using keel::cancel_shield;
+using keel::mutex_lock;
+using keel::unique_cstr;
+
+struct log_level_desc {
+    std::uint64_t level;
+    const char *english;
+    const char *chinese;
+};
+
+/* Row 0 belongs to dumps; a level's row is its number of trailing zero bits plus one. */
+constexpr log_level_desc log_level_descs[] = {
+    {0x0, "Dump.0", "打印.0"},           {0x1, "Emergency.1", "紧急.1"},
+    {0x2, "Alert.2", "警报.2"},          {0x4, "Critical.3", "关键.3"},
+    {0x8, "Error.4", "错误.4"},          {0x10, "Warning.5", "警告.5"},
+    {0x20, "Notice.6", "通知.6"},        {0x40, "Info.7", "信息.7"},
+    {0x80, "Debug.8", "调试.8"},         {0x100, "Debug-0", "调试-0"},
+    {0x200, "Debug-1", "调试-1"},        {0x400, "Debug-2", "调试-2"},
+    {0x800, "Debug-3", "调试-3"},        {0x1000, "Debug-4", "调试-4"},
+    {0x2000, "Debug-5", "调试-5"},       {0x4000, "Debug-6", "调试-6"},
+    {0x8000, "Debug-7", "调试-7"},       {0x10000, "Debug-8", "调试-8"},
+    {0x20000, "Debug-9", "调试-9"},      {0x40000, "Debug-10", "调试-10"},
+    {0x80000, "Debug-11", "调试-11"},    {0x100000, "Debug-12", "调试-12"},
+    {0x200000, "Debug-13", "调试-13"},   {0x400000, "Debug-14", "调试-14"},
+    {0x800000, "Debug-15", "调试-15"},   {0x1000000, "Debug-16", "调试-16"},
+    {0x2000000, "Debug-17", "调试-17"},  {0x4000000, "Debug-18", "调试-18"},
+    {0x8000000, "Debug-19", "调试-19"},  {0x10000000, "Debug-20", "调试-20"},
+    {0x20000000, "Debug-21", "调试-21"}, {0x40000000, "Debug-22", "调试-22"},
+    {0x80000000, "Debug-23", "调试-23"},
+};
+
+/* The settings change only in log_init() and log_destroy(), which overlap with no other call. */
+struct log_settings {
+    std::uint64_t nlogs = 0; /* 0: not set up, records go to standard output */
+    std::uint64_t wrmax = 5000;
+    std::int32_t lang = 0;
+    std::uint64_t mask = 0xffffffff;
+    std::uint64_t rename_gap = 10000;
+    std::int32_t singleton = 1;
+};
+
+log_settings settings;
+char *fdir;
+
+/* One of each per log; a log's mutex guards its stream, path and counter. */
+FILE **fptrs;
+char **fpaths;
+std::uint64_t *fcounters;
+pthread_mutex_t *fmtxs;
+
+pthread_mutex_t stdout_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+/* Makes one log_open() or log_close() at a time, so that the search for a path and the taking of a
+ * slot are one step: one file is never open in two logs. Taken before any log's mutex. */
+pthread_mutex_t slots_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+/* ---- Time stamps ---------------------------------------------------------------------------- */
+
+struct local_time {
+    tm fields{};
+    int milliseconds = 0;
+};
+
+/* localtime_r() alone would never see that the rules of the time zone have changed on disk;
+ * tzset() looks, and once a second is soon enough. */
+void refresh_time_zone(time_t second) {
+    static std::atomic<time_t> last_look;
+    if (last_look.load(std::memory_order_relaxed) == second)
+        return;
+    last_look.store(second, std::memory_order_relaxed);
+    tzset();
+}
+
+local_time local_now() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    local_time time;
+    refresh_time_zone(now.tv_sec);
+    localtime_r(&now.tv_sec, &time.fields);
+    time.milliseconds = static_cast<int>(now.tv_nsec / 1'000'000);
+    return time;
+}
+
+char *put_text(char *end, const char *text, std::size_t length) {
+    std::memcpy(end, text, length);
+    return end + length;
+}
+
+char *put_number(char *end, int number, int digits) {
+    for (int i = digits; i-- > 0; number /= 10)
+        end[i] = static_cast<char>('0' + number % 10);
+    return end + digits;
+}
+
+/* "2024-03-05 14:07:09.042" with the separators of records, or the archives' own. */
+char *put_time(char *end, const local_time &time, char in_date, char between, char in_time) {
+    end = put_number(end, time.fields.tm_year + 1900, 4);
+    *end++ = in_date;
+    end = put_number(end, time.fields.tm_mon + 1, 2);
+    *end++ = in_date;
+    end = put_number(end, time.fields.tm_mday, 2);
+    *end++ = between;
+    end = put_number(end, time.fields.tm_hour, 2);
+    *end++ = in_time;
+    end = put_number(end, time.fields.tm_min, 2);
+    *end++ = in_time;
+    end = put_number(end, time.fields.tm_sec, 2);
+    *end++ = '.';
+    return put_number(end, time.milliseconds, 3);
+}
+
+/* ---- Records -------------------------------------------------------------------------------- */
+
+/* "[2024-03-05 14:07:09.042] [Emergency.1] ", the longest */
+constexpr std::size_t prefix_size = 48;
+
+char *put_prefix(char *end, const log_level_desc &level) {
+    const bool english = settings.lang == 0;
+    const char *name = english ? level.english : level.chinese;
+    const std::size_t width = english ? 11 : 5;
+    const std::size_t length = std::strlen(name);
+    *end++ = '[';
+    end = put_time(end, local_now(), '-', ' ', ':');
+    end = put_text(end, "] [", 3);
+    for (std::size_t i = length; i < width; i++)
+        *end++ = ' ';
+    end = put_text(end, name, length);
+    return put_text(end, "] ", 2);
+}
+
+/* Formatted before any lock is taken, and in one piece, so that it is written at once. */
+class record {
+  public:
+    record(const log_level_desc &level, const char *format, va_list arguments) {
+        const int reason = errno; // for a "%m"
+        char *message = put_prefix(small_, level);
+        const auto prefix = static_cast<std::size_t>(message - small_);
+        const std::size_t room = sizeof small_ - prefix;
+        va_list again;
+        va_copy(again, arguments);
+        errno = reason;
+        printed_ = std::vsnprintf(message, room, format, arguments);
+        if (printed_ >= 0) {
+            length_ = prefix + static_cast<std::size_t>(printed_);
+            if (length_ >= sizeof small_) {
+                large_.reset(static_cast<char *>(xmalloc(0, length_ + 1)));
+                std::memcpy(large_.get(), small_, prefix);
+                errno = reason;
+                std::vsnprintf(large_.get() + prefix, length_ + 1 - prefix, format, again);
+            }
+            add_newline(format);
+        }
+        va_end(again);
+    }
+
+    char *text() { return large_ == nullptr ? small_ : large_.get(); }
+    std::size_t length() const { return length_; }
+    int printed() const { return printed_; } /* characters of the message; -1: it failed */
+
+  private:
+    /* In place of the terminator. What the format ends in decides, not what it printed. */
+    void add_newline(const char *format) {
+        const std::size_t length = std::strlen(format);
+        if (length == 0 || format[length - 1] != '\n')
+            text()[length_++] = '\n';
+    }
+
+    char small_[2048];
+    unique_cstr large_;
+    std::size_t length_ = 0;
+    int printed_ = -1;
+};
+
+bool set_up() {
+    return settings.nlogs != 0;
+}
+
+bool valid_log(int id) {
+    return id >= 0 && static_cast<std::uint64_t>(id) < settings.nlogs;
+}
+
+/* ---- Files ---------------------------------------------------------------------------------- */
+
+/* "/var/log/app.log" becomes "/var/log/app_2024.03.05_14.07.09.042.log". */
+unique_cstr archive_path(const char *path) {
+    char stamp[32];
+    stamp[0] = '_';
+    *put_time(stamp + 1, local_now(), '.', '_', '.') = '\0';
+    const char *ending = std::strrchr(path, '.');
+    if (ending == nullptr)
+        return nullptr;
+    return unique_cstr(strdup_insert(path, static_cast<std::size_t>(ending - path), stamp));
+}
+
+void log_rename(const char *path) {
+    if (path == nullptr) {
+        std::fputs("log_rename error:fpath_old is NULL.", stderr);
+        return;
+    }
+    for (;;) {
+        const unique_cstr archive = archive_path(path);
+        if (archive == nullptr)
+            std::exit(1);
+        if (fexist(archive.get(), 0) == 0) { // never overwritten: the next millisecond is another
+            usleep(static_cast<useconds_t>(settings.rename_gap));
+            continue;
+        }
+        if (std::rename(path, archive.get()) != 0)
+            std::fprintf(stderr, "log_rename error:%s->%s\n", path, archive.get());
+        return;
+    }
+}
+
+FILE *open_log_file(const char *path) {
+    keel::unique_fd file = keel::open_sync(path, O_WRONLY | O_CREAT | O_TRUNC);
+    FILE *stream = file ? fdopen(file.get(), "w") : nullptr;
+    if (stream != nullptr)
+        file.release();
+    return stream;
+}
+
+void close_stream(FILE *&stream) {
+    if (stream != nullptr)
+        std::fclose(std::exchange(stream, nullptr));
+}
+
+void forget_path(std::uint64_t slot) {
+    std::free(std::exchange(fpaths[slot], nullptr));
+}
+
+/* Counts a record that was handed to the file, whether or not the disk took it, and rotates a full
+ * file. One that cannot be opened again leaves its log without a file; records are refused then. */
+void count_record_locked(int id) {
+    if (++fcounters[id] < settings.wrmax)
+        return;
+    close_stream(fptrs[id]);
+    log_rename(fpaths[id]);
+    fptrs[id] = open_log_file(fpaths[id]);
+    fcounters[id] = 0;
+}
+
+/* A host may have put a stream without a descriptor in place of its standard output. */
+bool write_whole(FILE *stream, const char *text, std::size_t length) {
+    if (std::fflush(stream) != 0)
+        return false;
+    const int descriptor = fileno(stream);
+    if (descriptor != -1)
+        return keel::write_all(descriptor, text, length);
+    return std::fwrite(text, 1, length, stream) == length && std::fflush(stream) == 0;
+}
+
+/* The one way out for a record. The shield is for the file that may be half rotated, and for the
+ * host's standard output. */
+bool write_record(int id, const char *text, std::size_t length) {
+    const cancel_shield shield;
+    const mutex_lock lock(set_up() ? fmtxs[id] : stdout_mutex);
+    if (!set_up())
+        return write_whole(stdout, text, length);
+    if (fptrs[id] == nullptr)
+        return false;
+    const bool written = write_whole(fptrs[id], text, length);
+    count_record_locked(id);
+    return written;
+}
+
+[[gnu::noinline]] int print_record(int id, const log_level_desc &level, const char *format,
+                                   va_list arguments) {
+    record line(level, format, arguments);
+    if (line.printed() < 0 || !write_record(id, line.text(), line.length()))
+        return -1;
+    /* Less four on purpose: callers only ask whether it is -1. */
+    return line.printed() - 4;
+}
+
+/* ---- Setting up ----------------------------------------------------------------------------- */
+
+/* Takes a field that counts, clamped, and tells the caller what took effect. */
+template <class T>
+void apply(const log_conf &conf, std::uint32_t bit, T &field, T low, T high, T &setting) {
+    if ((conf.flags & bit) == 0)
+        return;
+    field = std::clamp(field, low, high);
+    setting = field;
+}
+
+void apply_switch(const log_conf &conf, std::uint32_t bit, std::int32_t &field,
+                  std::int32_t &setting) {
+    if ((conf.flags & bit) == 0)
+        return;
+    field = field != 0 ? 1 : 0;
+    setting = field;
+}
+
+void apply_conf(log_conf &conf) {
+    using u64 = std::uint64_t;
+    apply<u64>(conf, LOG_CONF_NLOGS, conf.nlogs, 1, 20, settings.nlogs);
+    apply<u64>(conf, LOG_CONF_WRMAX, conf.wrmax, 1000, 30000, settings.wrmax);
+    apply_switch(conf, LOG_CONF_LANG, conf.lang, settings.lang);
+    apply<u64>(conf, LOG_CONF_MASK, conf.mask, 0, 0xffffffff, settings.mask);
+    apply<u64>(conf, LOG_CONF_RENAME_GAP, conf.rename_gap, 1000, 1000000, settings.rename_gap);
+    apply_switch(conf, LOG_CONF_SINGLETON, conf.singleton, settings.singleton);
+}
+
+template <class T>
+bool allocate(T *&array) {
+    array = static_cast<T *>(std::calloc(settings.nlogs, sizeof(T)));
+    return array != nullptr;
+}
+
+bool allocate_slots() {
+    if (!allocate(fptrs) || !allocate(fpaths) || !allocate(fcounters) || !allocate(fmtxs))
+        return false;
+    std::for_each_n(fmtxs, settings.nlogs,
+                    [](auto &mutex) { Pthread_mutex_init(&mutex, nullptr); });
+    return true;
+}
+
+int set_up_in(char *const argv[], const char *directory) {
+    if (argv == nullptr || argv[0] == nullptr || fexist(directory, 1) != 0)
+        return -1;
+    fdir = fpath_dup(directory, nullptr);
+    if (fdir == nullptr || !allocate_slots())
+        return -1;
+    const char *slash = std::strrchr(argv[0], '/');
+    return log_open(slash == nullptr ? argv[0] : slash + 1);
+}
+
+/* The file's name, with the process id in it unless one process at a time bears the name. */
+unique_cstr file_name(const char *name) {
+    const bool ends_in_log = strrcmp(name, ".log") == 0;
+    if (settings.singleton != 0)
+        return unique_cstr(strdup_cat(name, ends_in_log ? "" : ".log", nullptr));
+    if (!ends_in_log)
+        return unique_cstr(strdup_catf("%s.%d.log", name, getpid()));
+    const char *ending = std::strrchr(name, '.');
+    const unique_cstr tag(strdup_catf(".%d", getpid()));
+    if (ending == nullptr || tag == nullptr)
+        return nullptr;
+    return unique_cstr(strdup_insert(name, static_cast<std::size_t>(ending - name), tag.get()));
+}
+
+int fpath_compar(const void *key, const void *element) {
+    const char *const *path = static_cast<const char *const *>(element);
+    if (path == nullptr || *path == nullptr)
+        return -1;
+    return std::strcmp(static_cast<const char *>(key), *path);
+}
+
+bool held_by_a_slot(const char *path) {
+    return std::any_of(fpaths, fpaths + settings.nlogs,
+                       [=](char *const &held) { return fpath_compar(path, &held) == 0; });
+}
+
+/* Opens `path` in the first slot without a file and takes it over. */
+int open_in_free_slot(unique_cstr path) {
+    for (std::uint64_t slot = 0; slot < settings.nlogs; slot++) {
+        const mutex_lock lock(fmtxs[slot]);
+        if (fptrs[slot] != nullptr)
+            continue;
+        fptrs[slot] = open_log_file(path.get());
+        if (fptrs[slot] == nullptr)
+            continue;
+        forget_path(slot); // a rotation that could not open its file again has left one
+        fpaths[slot] = path.release();
+        fcounters[slot] = 0;
+        return static_cast<int>(slot);
+    }
+    return -1;
+}
+
+} // namespace
+
+int log_print(int id, std::uint32_t level, const char *format, ...) {
+    /* The mask first: most records of a busy service are filtered, and nothing else decides more.
+     */
+    if ((level & settings.mask) == 0 || !std::has_single_bit(level))
+        return -1;
+    if (format == nullptr || (set_up() && !valid_log(id)))
+        return -1;
+    va_list arguments;
+    va_start(arguments, format);
+    const auto &description = log_level_descs[std::countr_zero(level) + 1];
+    const int result = print_record(id, description, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+int log_dump(int id, const void *data, std::size_t length) {
+    if (data == nullptr || length == 0 || (set_up() && !valid_log(id)))
+        return -1;
+    const cancel_shield shield; // around the stream in memory
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *stream = open_memstream(&text, &size);
+    if (stream == nullptr)
+        return -1;
+    char prefix[prefix_size];
+    char *end = put_text(put_prefix(prefix, log_level_descs[0]), "--> ", 4);
+    std::fwrite(prefix, 1, static_cast<std::size_t>(end - prefix), stream);
+    const int dumped = hexdump(stream, data, length);
+    const bool made = std::fclose(stream) == 0;
+    const unique_cstr owned(text);
+    return made && write_record(id, text, size) ? dumped : -1;
+}
+
+int log_init(char *const argv[], const char *directory, log_conf *conf) {
+    if (set_up())
+        return -1;
+    settings.nlogs = 1;
+    if (conf != nullptr)
+        apply_conf(*conf);
+    const int result = set_up_in(argv, directory);
+    if (result == -1)
+        log_destroy();
+    return result;
+}
+
+int log_open(const char *name) {
+    if (!set_up() || name == nullptr || *name == '\0')
+        return -1;
+    const cancel_shield shield;
+    const mutex_lock lock(slots_mutex);
+    const unique_cstr file = file_name(name);
+    unique_cstr path(file == nullptr ? nullptr : fpath_dup(fdir, file.get()));
+    if (path == nullptr || held_by_a_slot(path.get()))
+        return -1;
+    if (fexist(path.get(), 0) == 0)
+        log_rename(path.get());
+    return open_in_free_slot(std::move(path));
+}
+
+int log_close(int id) {
+    if (!set_up())
+        return 0;
+    if (id < 1 || !valid_log(id))
+        return -1;
+    const cancel_shield shield;
+    const mutex_lock slots(slots_mutex);
+    const mutex_lock lock(fmtxs[id]);
+    close_stream(fptrs[id]);
+    log_rename(fpaths[id]);
+    forget_path(static_cast<std::uint64_t>(id));
+    fcounters[id] = 0;
+    return 0;
+}
+
+int log_destroy() {
+    if (!set_up())
+        return 0;
+    /* An array is missing where log_init() ran out of memory; the mutexes are made last. */
+    for (std::uint64_t slot = 0; fmtxs != nullptr && slot < settings.nlogs; slot++) {
+        close_stream(fptrs[slot]);
+        if (fpaths[slot] != nullptr)
+            log_rename(fpaths[slot]);
+        forget_path(slot);
+        Pthread_mutex_destroy(&fmtxs[slot]);
+    }
+    std::free(std::exchange(fdir, nullptr));
+    std::free(std::exchange(fptrs, nullptr));
+    std::free(std::exchange(fpaths, nullptr));
+    std::free(std::exchange(fcounters, nullptr));
+    std::free(std::exchange(fmtxs, nullptr));
+    settings = log_settings();
+    return 0;
+}

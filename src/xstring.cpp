@@ -1,0 +1,322 @@
+/* SPDX-License-Identifier: MIT */
+#include "xstring.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+#include "char_class.h"
+#include "formatted.h"
+
+namespace {
+
+using keel::char_class;
+using keel::formatted;
+using keel::unique_cstr;
+
+/* What strtrim4() can tidy: a printable byte, which rules out all whitespace but the blank. */
+bool usable_separator(int separator) {
+    return separator >= -128 && separator <= 255 && std::isprint(separator) != 0 &&
+           (separator == ' ' || std::isspace(separator) == 0);
+}
+
+void remove_character(char *position) {
+    std::memmove(position, position + 1, std::strlen(position));
+}
+
+/* The value of `key`, inside `list`, which is cut into pieces on the way; or null. */
+char *find_value(char *list, const char *key, char entry_separator, int value_separator) {
+    if (!usable_separator(value_separator))
+        return nullptr;
+    const char entry_end[] = {entry_separator, '\0'};
+    char *rest = nullptr;
+    for (char *entry = strtok_r(list, entry_end, &rest); entry != nullptr;
+         entry = strtok_r(nullptr, entry_end, &rest)) {
+        char *separator = std::strchr(strtrim4(entry, value_separator), value_separator);
+        if (separator == nullptr)
+            continue;
+        *separator = '\0';
+        if (std::strcmp(entry, key) == 0)
+            return separator + 1;
+    }
+    return nullptr;
+}
+
+/* Copies `value`, cut to the buffer, with "%%" shortened to "%". Any other directive is text: a
+ * value must not be able to read or write memory. */
+char *copy_as_format(const char *value, char *buffer, std::size_t size) {
+    char *end = buffer;
+    for (; *value != '\0' && end < buffer + size - 1; value++) {
+        if (value[0] == '%' && value[1] == '%')
+            value++;
+        *end++ = *value;
+    }
+    *end = '\0';
+    return buffer;
+}
+
+/* Null sorts before every string, and two nulls are equal. */
+int compare_nulls(const char *left, const char *right) {
+    return static_cast<int>(left != nullptr) - static_cast<int>(right != nullptr);
+}
+
+/* Compares the last `count` characters, the very last one first. */
+int compare_from_end(const char *left, std::size_t left_length, const char *right,
+                     std::size_t right_length, std::size_t count) {
+    for (std::size_t i = 1; i <= count; i++) {
+        const auto l = static_cast<signed char>(left[left_length - i]);
+        const auto r = static_cast<signed char>(right[right_length - i]);
+        if (l != r)
+            return l > r ? 1 : -1;
+    }
+    return 0;
+}
+
+/* For comparisons, whose results leave no room for a failure. */
+formatted formatted_or_exit(const char *format, va_list arguments) {
+    formatted made(format, arguments);
+    if (made.text == nullptr)
+        std::exit(1);
+    return made;
+}
+
+} // namespace
+
+char *strtrim1(char *text) {
+    if (text == nullptr)
+        return nullptr;
+    const char_class classes;
+    const char *begin = text;
+    while (classes.space(*begin))
+        begin++;
+    const char *end = begin + std::strlen(begin);
+    while (end > begin && classes.space(end[-1]))
+        end--;
+    const auto length = static_cast<std::size_t>(end - begin);
+    if (begin != text)
+        std::memmove(text, begin, length);
+    text[length] = '\0';
+    return text;
+}
+
+char *strtrim2(char *text) {
+    if (text == nullptr)
+        return nullptr;
+    const char_class classes;
+    char *end = text;
+    /* Each character is stored, and the place for the next one moves on unless this was one blank
+     * too many: without a branch on the text, a long line costs a third. */
+    bool after_space = true; // so that none is kept at the beginning
+    for (const char *next = text; *next != '\0'; next++) {
+        const char c = *next;
+        const bool space = classes.space(c);
+        *end = space ? ' ' : c;
+        end += !(space && after_space);
+        after_space = space;
+    }
+    if (end > text && after_space)
+        end--;
+    *end = '\0';
+    return text;
+}
+
+char *strtrim3(char *text) {
+    if (text == nullptr)
+        return nullptr;
+    const unique_cstr scratch(static_cast<char *>(std::malloc(std::strlen(text) + 1)));
+    if (scratch == nullptr)
+        return nullptr;
+    const char_class classes;
+    char *end = scratch.get();
+    for (const char *next = text; *next != '\0'; next++) {
+        *end = *next;
+        end += !classes.space(*next);
+    }
+    *end = '\0';
+    std::memcpy(text, scratch.get(), static_cast<std::size_t>(end - scratch.get()) + 1);
+    return text;
+}
+
+char *strtrim4(char *text, int separator) {
+    if (text == nullptr || !usable_separator(separator))
+        return nullptr;
+    strtrim2(text);
+    char *found = std::strchr(text, separator);
+    if (found == nullptr)
+        return text;
+    if (found > text && found[-1] == ' ')
+        remove_character(--found);
+    if (found[1] == ' ')
+        remove_character(found + 1);
+    return text;
+}
+
+char *strdup_ncat(std::size_t limit, ...) {
+    if (limit + 1 == 0)
+        return nullptr;
+    unique_cstr made(static_cast<char *>(std::calloc(limit + 1, 1)));
+    if (made == nullptr)
+        return nullptr;
+    std::size_t length = 0;
+    va_list pieces;
+    va_start(pieces, limit);
+    while (length < limit) {
+        const char *piece = va_arg(pieces, const char *);
+        if (piece == nullptr)
+            break;
+        const std::size_t taken = strnlen(piece, limit - length);
+        std::memcpy(made.get() + length, piece, taken);
+        length += taken;
+    }
+    va_end(pieces);
+    return made.release();
+}
+
+char *strdup_cat(const char *first, ...) {
+    if (first == nullptr)
+        return nullptr;
+    va_list pieces;
+    std::size_t size = std::strlen(first) + 1;
+    va_start(pieces, first);
+    while (const char *piece = va_arg(pieces, const char *))
+        size += std::strlen(piece);
+    va_end(pieces);
+
+    unique_cstr made(static_cast<char *>(std::calloc(size, 1)));
+    if (made == nullptr)
+        return nullptr;
+    char *end = stpcpy(made.get(), first);
+    va_start(pieces, first);
+    while (const char *piece = va_arg(pieces, const char *))
+        end = stpcpy(end, piece);
+    va_end(pieces);
+    return made.release();
+}
+
+char *strdup_catf(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    formatted made(format, arguments);
+    va_end(arguments);
+    return made.text.release();
+}
+
+char *strdup_insert(const char *text, std::size_t position, const char *insert) {
+    if (text == nullptr || insert == nullptr)
+        return nullptr;
+    const std::size_t length = std::strlen(text);
+    if (position > length)
+        return nullptr;
+    const std::size_t inserted = std::strlen(insert);
+    char *made = static_cast<char *>(std::malloc(length + inserted + 1));
+    if (made == nullptr)
+        return nullptr;
+    std::memcpy(made, text, position);
+    std::memcpy(made + position, insert, inserted);
+    std::memcpy(made + position + inserted, text + position, length - position + 1);
+    return made;
+}
+
+char *strdup_extract1(const char *list, const char *key, char entry_separator,
+                      int value_separator) {
+    return varbind_find(list, key, entry_separator, value_separator, nullptr, 0);
+}
+
+char *varbind_find(const char *list, const char *key, char entry_separator, int value_separator,
+                   char *buffer, std::size_t size) {
+    if (list == nullptr || key == nullptr)
+        return nullptr;
+    const unique_cstr copy(strdup(list));
+    if (copy == nullptr)
+        return nullptr;
+    const char *value = find_value(copy.get(), key, entry_separator, value_separator);
+    if (value == nullptr)
+        return nullptr;
+    return buffer != nullptr && size > 1 ? copy_as_format(value, buffer, size) : strdup(value);
+}
+
+int str_split(char *text, const char *delimiters, char **fields, std::size_t capacity) {
+    if (text == nullptr || delimiters == nullptr)
+        return -1;
+    if (fields == nullptr)
+        capacity = 0;
+    bool ends_field[256] = {};
+    for (const char *d = delimiters; *d != '\0'; d++)
+        ends_field[static_cast<unsigned char>(*d)] = true;
+    const auto delimiter = [&](char c) { return ends_field[static_cast<unsigned char>(c)]; };
+
+    std::size_t count = 0;
+    for (char *next = text;;) {
+        while (delimiter(*next))
+            next++;
+        if (*next == '\0')
+            return static_cast<int>(count);
+        if (count < capacity)
+            fields[count] = next;
+        count++;
+        while (*next != '\0' && !delimiter(*next))
+            next++;
+        if (*next != '\0')
+            *next++ = '\0';
+    }
+}
+
+int strrcmp(const char *left, const char *right) {
+    if (left == nullptr || right == nullptr)
+        return compare_nulls(left, right);
+    const std::size_t l = std::strlen(left);
+    const std::size_t r = std::strlen(right);
+    return compare_from_end(left, l, right, r, std::min(l, r));
+}
+
+int strrncmp(const char *left, const char *right, std::size_t limit) {
+    if (left == nullptr || right == nullptr)
+        return compare_nulls(left, right);
+    if (limit == 0)
+        return 0;
+    const std::size_t l = std::strlen(left);
+    const std::size_t r = std::strlen(right);
+    /* One less than the limit, kept so: callers have always counted the terminator. */
+    return compare_from_end(left, l, right, r, std::min({limit - 1, l, r}));
+}
+
+int astrcatf(char **text, const char *format, ...) {
+    if (text == nullptr)
+        return -1;
+    va_list arguments;
+    va_start(arguments, format);
+    formatted added(format, arguments);
+    va_end(arguments);
+    if (added.length < 1)
+        return added.length;
+    if (*text == nullptr) {
+        *text = added.text.release();
+        return added.length;
+    }
+    const std::size_t length = std::strlen(*text);
+    const std::size_t size = static_cast<std::size_t>(added.length) + 1;
+    char *grown = static_cast<char *>(std::realloc(*text, length + size));
+    if (grown == nullptr)
+        return -1;
+    std::memcpy(grown + length, added.text.get(), size);
+    *text = grown;
+    return added.length;
+}
+
+int str_startwithf(const char *text, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const formatted prefix = formatted_or_exit(format, arguments);
+    va_end(arguments);
+    const auto length = static_cast<std::size_t>(prefix.length);
+    return text != nullptr && std::strncmp(text, prefix.text.get(), length) == 0 ? 1 : 0;
+}
+
+int strcmpf(const char *text, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const formatted other = formatted_or_exit(format, arguments);
+    va_end(arguments);
+    return text == nullptr ? -1 : std::strcmp(text, other.text.get());
+}

@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xconf.h"
+
+#include <gtest/gtest.h>

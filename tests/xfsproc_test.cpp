@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xfsproc.h"
+
+#include <gtest/gtest.h>

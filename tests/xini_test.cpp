@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xini.h"
+
+#include <gtest/gtest.h>

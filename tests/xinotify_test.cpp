@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xinotify.h"
+
+#include <gtest/gtest.h>

@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xlog.h"
+
+#include <gtest/gtest.h>

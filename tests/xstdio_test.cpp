@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xstdio.h"
+
+#include <gtest/gtest.h>

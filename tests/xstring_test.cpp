@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xstring.h"
+
+#include <gtest/gtest.h>

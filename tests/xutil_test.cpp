@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xutil.h"
+
+#include <gtest/gtest.h>

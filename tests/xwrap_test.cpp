@@ -1,0 +1,4 @@
+/* SPDX-License-Identifier: MIT */
+#include "xwrap.h"
+
+#include <gtest/gtest.h>
