@@ -1,0 +1,81 @@
+#!/usr/bin/env bash
+# Runs the example service: its log, its endings, and what it says of bad settings.
+# usage: watchkeeper_test.sh WATCHKEEPER SETTINGS
+set -u
+watchkeeper=$1
+settings=$2
+dir=$(mktemp -d)
+trap 'kill $(jobs -p) 2>/dev/null; rm -rf "$dir"' EXIT
+cd "$dir" || exit 1
+mkdir log
+cp "$settings" shipped.ini
+
+failed=0
+check() { # WHAT COMMAND...
+    local what=$1
+    shift
+    "$@" || { echo "FAILED: $what"; failed=1; }
+}
+
+# Bad settings and usage: status 2, the reason on standard error, nothing logged.
+refused() { # TEXT ARGUMENT...
+    local text=$1 status=0
+    shift
+    "$watchkeeper" "$@" >out 2>err || status=$?
+    check "status 2 for: $*" test "$status" = 2
+    check "\"$text\" for: $*, not: $(cat err)" grep -qF -- "$text" err
+    check "no log for: $*" test -z "$(ls log)"
+}
+setting() { # SECTION LINE: the shipped settings with one line added
+    printf '%s\n' '[log]' 'directory = log' "[$1]" "$2" >bad.ini
+}
+refused 'give one settings file'
+refused 'give one settings file' shipped.ini shipped.ini
+refused 'unrecognized option' --second-guess shipped.ini
+refused '--seconds = "0" is not a number from 1' --seconds 0 shipped.ini
+refused 'cannot read the settings in "absent.ini"' absent.ini
+setting service 'interval = soon'; refused 'service::interval = "soon" is not a number from 1 to 3600' bad.ini
+setting service 'interval = 0'; refused 'service::interval = "0" is not' bad.ini
+setting service 'intervall = 1'; refused 'there is no setting "service::intervall"' bad.ini
+setting log 'records = 999'; refused 'log::records = "999" is not a number from 1000 to 30000' bad.ini
+setting log 'language = latin'; refused 'neither english nor chinese' bad.ini
+setting warning 'cpu = high'; refused 'warning::cpu = "high" is not a number' bad.ini
+printf '[log]\ndirectory = nowhere\n' >bad.ini; refused 'log::directory = "nowhere" is not a directory' bad.ini
+
+check "--help" sh -c '"$1" --help | grep -q "^usage: watchkeeper"' sh "$watchkeeper"
+
+# A bounded run leaves an archive with figures of this host.
+check "a bounded run" "$watchkeeper" --seconds 1 shipped.ini
+archive=$(ls log)
+check "archived under a time stamp: $archive" grep -qxE 'watchkeeper_[0-9.]+_[0-9.]+\.log' <<<"$archive"
+line='^\[[-0-9 :.]+\] \[ +(Info\.7|Warning\.5|Critical\.3)\] cpu [0-9.]+%(, cpu[0-9]+ [0-9.]+%)+; memory [0-9.]+% of [0-9.]+ GB; (no swap|swap .*); up [0-9]+d [0-9:]{8}'
+check "two looks at the host" test "$(grep -cE "$line" "log/$archive")" = 2
+check "as many processors as there are" test \
+    "$(grep -E "$line" "log/$archive" | head -n 1 | grep -oE ', cpu[0-9]+' | wc -l)" = "$(grep -c ^processor /proc/cpuinfo)"
+check "nothing else in it" test "$(wc -l <"log/$archive")" = 4
+rm log/*
+
+# Thresholds choose the level.
+printf '[log]\ndirectory = log\n[critical]\nmemory = 0\n' >critical.ini
+check "a run at its threshold" "$watchkeeper" --seconds 1 critical.ini
+check "logged as Critical" grep -qE '\[ Critical\.3\] cpu ' log/*
+rm log/*
+
+# A signal ends it cleanly while it waits.
+sed 's/^interval = 1 /interval = 3600 /' shipped.ini >patient.ini
+for signal in TERM INT; do
+    "$watchkeeper" patient.ini &
+    service=$!
+    until grep -q 'since boot' log/watchkeeper.log 2>/dev/null; do
+        kill -0 $service || break
+        sleep 0.05
+    done
+    kill -$signal $service
+    check "status 0 after SIG$signal" wait $service
+    check "only the archive left after SIG$signal" test "$(ls log | grep -cv _)" = 0
+    check "the ending logged after SIG$signal" grep -qE '\[   Notice\.6\] ended by ' log/*
+    rm log/*
+done
+
+[ $failed = 0 ] && echo "watchkeeper: all right"
+exit $failed
