@@ -9,16 +9,17 @@
 #define KEEL_EXPORT_H
 
 /** An exported name: visible in libkeel.so, where everything else is hidden. */
-#define KEEL_API __attribute__((visibility("default")))
+#define KEEL_API __attribute__((__visibility__("default")))
 
-/** Argument `format` is a printf format whose arguments begin at `first` (0: a va_list). */
-#define KEEL_PRINTF(format_index, first) __attribute__((format(printf, format_index, first)))
+/** Argument `format_index` is a printf format whose arguments begin at `first` (0: a va_list). */
+#define KEEL_PRINTF(format_index, first)                                                           \
+    __attribute__((__format__(__printf__, format_index, first)))
 
 /** The call never returns. */
-#define KEEL_NORETURN __attribute__((noreturn))
+#define KEEL_NORETURN __attribute__((__noreturn__))
 
 /** The variable arguments end with a null pointer. */
-#define KEEL_SENTINEL __attribute__((sentinel))
+#define KEEL_SENTINEL __attribute__((__sentinel__))
 
 #ifdef __cplusplus
 #define KEEL_BEGIN_DECLS extern "C" {

@@ -64,13 +64,18 @@ typedef struct ini_table {
     uint64_t count;
 } ini_table;
 
-/** ini_fload() of the file at `path`. -1 where it cannot be opened. */
+/**
+ * ini_fload() of the file at `path`. -1 where it cannot be opened for reading and where ini_fload()
+ * gives it. A file whose reading fails, such as a directory, counts as empty from there on.
+ */
 KEEL_API int ini_load(ini_table *table, const char *path, const char *separators);
 
 /**
  * Adds the entries that `stream` holds to `table` and sorts it. An entry is split at its first
  * character that is any of `separators`. A key that occurs twice is stored twice, and a lookup
  * may find either.
+ *
+ * A thread cancelled here leaves the table as it was.
  *
  * Returns 0; -1, with nothing read, where an argument is null or `separators` is empty or holds
  * any of "[]{}#".
@@ -84,9 +89,9 @@ KEEL_API int ini_unload(ini_table *table);
 KEEL_API const char *ini_get(const ini_table *table, const char *key);
 
 /**
- * The value of `key` in `section`, which stays the table's and valid until it is loaded or
- * unloaded. Null where there is none and where an argument is null or empty. Exact,
- * case-sensitive, in time logarithmic in the table's size.
+ * The value of `key` in `section`, which stays the table's and valid until ini_unload(). Null where
+ * there is none and where an argument is null or empty. Exact, case-sensitive, in time logarithmic
+ * in the table's size.
  */
 KEEL_API const char *ini_section_get(const ini_table *table, const char *section, const char *key);
 
@@ -95,8 +100,9 @@ KEEL_API const char *ini_section_get(const ini_table *table, const char *section
 KEEL_API int ini_print(const ini_table *table, FILE *stream);
 
 /**
- * Prints the first entry of `section` in the table's order and returns 1, or prints
- * "Can't find section [...]." and returns 0. -1 where an argument is null.
+ * Prints the first entry of `section`, whose name counts with 2045 characters at most, in the
+ * table's order and returns 1, or prints "Can't find section [...]." and returns 0. -1 where an
+ * argument is null.
  */
 KEEL_API int ini_section_print(const ini_table *table, FILE *stream, const char *section);
 

@@ -42,7 +42,7 @@ KEEL_API void *xcalloc(uint32_t tag, size_t size);
 
 /**
  * `block` grown or shrunk to `size` bytes, perhaps at another address; a null block is
- * allocated. A size of 0 yields no block and therefore ends the process.
+ * allocated. A size of 0 frees an existing block and ends the process, as there is none to return.
  */
 KEEL_API void *xrealloc(uint32_t tag, void *block, size_t size);
 

@@ -83,11 +83,13 @@ KEEL_API char *frgets(char *buffer, int size, FILE *stream, int64_t *cursor);
  *
  * Returns `*buffer`, with the line, its terminator and zeros up to the capacity, and stores the
  * line's length in `*length` unless that is null. Null at the end of the file and on a read
- * error.
+ * error. More than 4 KB behind a line, zeros that an earlier call left are not written again: a
+ * caller that writes there itself may find its own text once more.
  *
  * Ends the process with status 1: with "_fgets: Invalid argument" where `buffer`, `capacity` or
- * `stream` is null; without a word where memory runs out or the line passes 2 GB; with
- * "_fgets: Hopeless case" where a capacity below zero leaves no room for a character.
+ * `stream` is null; without a word where memory runs out, the line passes 2 GB or the capacity
+ * is -80 or less; with "_fgets: Hopeless case" where it is -79, which leaves no room for a
+ * character.
  */
 KEEL_API char *_fgets(char **buffer, int *capacity, FILE *stream, int *length);
 

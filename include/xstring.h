@@ -75,8 +75,9 @@ KEEL_API char *strdup_insert(const char *text, size_t position, const char *inse
 /**
  * A copy of the value of `key` in a list such as "a=1; b=2": entries between
  * `entry_separator`s, each split at its first `value_separator`. Entries are tidied with
- * strtrim4() first, so runs of whitespace inside a value come back as one blank. The first
- * match counts; keys are matched exactly. Null: no match, no memory, or a null string.
+ * strtrim4() first, so runs of whitespace inside a value come back as one blank; where it
+ * refuses the separator they are taken as they are. The first match counts; keys are matched
+ * exactly. Null: no match, no memory, or a null string.
  */
 KEEL_API char *strdup_extract1(const char *list, const char *key, char entry_separator,
                                int value_separator);

@@ -34,8 +34,8 @@ KEEL_BEGIN_DECLS
 
 /**
  * Waits on `condition` for at most `milliseconds`, with `mutex` held by the caller and held
- * again on return. The deadline is on the wall clock, the default clock of a condition
- * variable.
+ * again on return, and also when the thread is cancelled here. The deadline is on the wall clock:
+ * the condition variable must have kept its default clock.
  *
  * Returns 0 when signalled (or woken for no reason: test the condition again), ETIMEDOUT when
  * the time ran out, or pthread_cond_timedwait()'s other error number. -1, without waiting,

@@ -31,7 +31,8 @@ KEEL_BEGIN_DECLS
  */
 KEEL_API void err_sys(const char *format, ...) KEEL_PRINTF(1, 2) KEEL_NORETURN;
 
-/** Closes `descriptor`. Returns 0; a failure is fatal. */
+/** Closes `descriptor`. Returns 0; a failure, an interruption included, is fatal. Cancellation
+ * point. */
 KEEL_API int Close(int descriptor);
 
 /** Removes the name `path`. Returns 0; a failure, a missing name included, is fatal. */

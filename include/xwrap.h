@@ -9,7 +9,8 @@
  * status 1. Results that a caller is expected to handle are returned; each comment names them.
  * A null argument that the routine cannot take counts as its failure with EINVAL.
  *
- * All functions may be called from any thread.
+ * All functions may be called from any thread. Sem_wait(), Sem_timedwait(), System() and Systemf()
+ * are cancellation points; an ending that has begun is not cancelled.
  *
  * @code{.c}
  * #include <xwrap.h>
@@ -55,7 +56,7 @@ KEEL_API char *Strtok_r(char *text, const char *delimiters, char **save);
 
 /**
  * Runs `command` in the shell and waits for it. 0 when it exited with status 0; -1 when it
- * exited with another status, was ended by a signal or could not be run. Never fatal.
+ * exited with another status, was ended by a signal, could not be run or is null. Never fatal.
  */
 KEEL_API int System(const char *command);
 
@@ -72,7 +73,10 @@ KEEL_API void *Malloc(size_t size);
  * "calloc". */
 KEEL_API void *Calloc(size_t count, size_t size);
 
-/** `block` with `size` bytes. No memory is fatal, and so is a size of 0: "realloc". */
+/**
+ * `block` with `size` bytes. No memory is fatal, and so is a size of 0, which frees an existing
+ * block: "realloc".
+ */
 KEEL_API void *Realloc(void *block, size_t size);
 
 /** Sets up `semaphore` with `value`; `shared` not 0: between processes. Returns 0. */
@@ -91,8 +95,9 @@ KEEL_API int Sem_wait(sem_t *semaphore);
 KEEL_API int Sem_trywait(sem_t *semaphore);
 
 /**
- * Takes one, waiting until `seconds` have passed on the wall clock: 0, or -1 when the time ran
- * out. Signal handlers do not extend the wait. A time that is not positive does not wait.
+ * Takes one, waiting until `seconds` have passed on the wall clock: 0, or -1 with errno ETIMEDOUT
+ * when the time ran out. Signal handlers do not extend the wait. With a time that is not positive
+ * it takes one if there is one, and does not wait.
  */
 KEEL_API int Sem_timedwait(sem_t *semaphore, int64_t seconds);
 

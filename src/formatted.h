@@ -11,7 +11,7 @@ namespace keel {
 /* A formatted string and its length. Null and -1 where the format is null or fails, or memory runs
  * out. */
 struct formatted {
-    formatted(const char *format, va_list arguments) {
+    __attribute__((format(printf, 2, 0))) formatted(const char *format, va_list arguments) {
         if (format == nullptr)
             return;
         char *made = nullptr;

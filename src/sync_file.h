@@ -15,6 +15,10 @@ namespace keel {
  * fcntl() accepts O_SYNC on Linux, reports success and changes nothing. set_fl() stays, for kernels
  * that honour it. */
 inline unique_fd open_sync(const char *path, int flags) {
+    if (path == nullptr) {
+        errno = EFAULT;
+        return unique_fd();
+    }
     unique_fd file(::open(path, flags | O_SYNC | O_CLOEXEC, 0666));
     if (file)
         set_fl(file.get(), O_SYNC);

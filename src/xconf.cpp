@@ -10,6 +10,7 @@
 #include <cstring>
 #include <sys/stat.h>
 
+#include "ending.h"
 #include "formatted.h"
 #include "sync_file.h"
 #include "xstdio.h"
@@ -26,7 +27,8 @@ constexpr std::array<mode_t, 7> file_kinds = {S_IFREG, S_IFDIR, S_IFCHR, S_IFBLK
 
 /* Formats first and opens then, so that a text that cannot be made leaves the file as it was; and
  * writes once, as each write waits for the disk. */
-int write_formatted(const char *path, int flags, const char *format, va_list arguments) {
+[[gnu::format(printf, 3, 0)]] int write_formatted(const char *path, int flags, const char *format,
+                                                  va_list arguments) {
     const keel::formatted content(format, arguments);
     if (content.text == nullptr)
         return -1;
@@ -38,6 +40,14 @@ int write_formatted(const char *path, int flags, const char *format, va_list arg
     return file.close() == 0 && written ? content.length : -1;
 }
 
+/* lstat(), to which null is not just another path without a file. */
+bool examine(const char *path, struct stat &status) {
+    if (path != nullptr)
+        return lstat(path, &status) == 0;
+    errno = EFAULT;
+    return false;
+}
+
 int open_and_close(const char *path, int flags) {
     return open_sync(path, O_WRONLY | flags) ? 0 : -1;
 }
@@ -46,7 +56,7 @@ int open_and_close(const char *path, int flags) {
 
 int fexist(const char *path, unsigned type) {
     struct stat status {};
-    if (path == nullptr || lstat(path, &status) == -1 || type >= file_kinds.size())
+    if (!examine(path, status) || type >= file_kinds.size())
         return -1;
     return (status.st_mode & S_IFMT) == file_kinds[type] ? 0 : 1;
 }
@@ -64,7 +74,7 @@ char *fpath_dup(const char *directory, const char *name) {
 char *Fpath_dup(const char *directory, const char *name) {
     char *path = fpath_dup(directory, name);
     if (path == nullptr)
-        std::exit(1);
+        keel::end_process(1);
     return path;
 }
 
@@ -73,14 +83,14 @@ int ftherein(int descriptor, const char *path) {
     if (fstat(descriptor, &status) == -1)
         return 0;
     const int open_file = status.st_nlink != 0 ? 1 : 2;
-    if (lstat(path, &status) == 0)
+    if (examine(path, status))
         return open_file + 4;
     return errno == ENOENT ? open_file + 8 : 0;
 }
 
 int fmodified(const char *path, long *stamp) {
     struct stat status {};
-    if (stamp == nullptr || lstat(path, &status) == -1)
+    if (stamp == nullptr || !examine(path, status))
         return -1;
     if (status.st_mtim.tv_sec == *stamp)
         return 0;
@@ -94,7 +104,7 @@ int file_touch(const char *path) {
 
 int file_clear(const char *path) {
     struct stat status {};
-    if (stat(path, &status) == -1)
+    if (path == nullptr || stat(path, &status) == -1)
         return -1;
     return open_and_close(path, O_TRUNC);
 }

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+#include <clocale>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "char_class.h"
+#include "ending.h"
 #include "xmemory.h"
 #include "xstdio.h"
 
@@ -25,12 +26,12 @@ char *buf;
 int size;
 
 /* A kernel file comes in one read when the stream's buffer holds it; the default is 1 KB. */
-constexpr std::size_t stream_buffer = 32 * 1024;
+constexpr std::size_t stream_buffer = 32768;
 
 void open_kept(FILE *&stream, const char *path) {
     stream = std::fopen(path, "re");
     if (stream == nullptr)
-        std::exit(1);
+        keel::end_process(1);
     std::setvbuf(stream, static_cast<char *>(xmalloc(0, stream_buffer)), _IOFBF, stream_buffer);
 }
 
@@ -48,7 +49,7 @@ char *next_line(FILE *stream) {
 
 void parse_or_exit(bool parsed) {
     if (!parsed)
-        std::exit(1);
+        keel::end_process(1);
 }
 
 const char *skip_spaces(const char *text) {
@@ -79,9 +80,10 @@ bool take_counter(const char *&text, std::uint64_t &value) {
 
 /* The kernel writes a point whatever the locale's decimal separator is. */
 bool take_seconds(const char *&text, double &value) {
-    const char *begin = skip_spaces(text);
-    text = std::from_chars(begin, begin + std::strlen(begin), value).ptr;
-    return text != begin;
+    static const locale_t standard = newlocale(LC_ALL_MASK, "C", nullptr); // takes no memory
+    char *end = nullptr;
+    value = strtod_l(text, &end, standard);
+    return std::exchange(text, end) != end;
 }
 
 void parse_cpu_line(const char *line, cpu_usage &cpu) {

@@ -2,12 +2,15 @@
 #include "xini.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 
+#include "cancel_shield.h"
+#include "ending.h"
 #include "handles.h"
 #include "xmemory.h"
 #include "xstring.h"
@@ -17,51 +20,67 @@ namespace {
 constexpr std::size_t line_size = 2048; /* of the line buffer and of a section's name */
 constexpr char default_section[] = "DEFAULT";
 
-int kv_compar(const ini_entry &left, const ini_entry &right) {
-    return std::strcmp(left.key, right.key);
+int kv_compar(const char *left, const char *right) {
+    return std::strcmp(left, right);
 }
 
-/* Compares an entry's key with "section::key" where it stands, without joining the two. */
-int compare_key(const char *full, const char *section, std::size_t section_length,
-                const char *key) {
-    if (const int order = std::strncmp(full, section, section_length))
-        return order;
-    full += section_length;
-    if (const int order = std::strncmp(full, "::", 2))
-        return order;
-    return std::strcmp(full + 2, key);
-}
-
-char *string_or_exit(char *made) {
+char *string_or_exit(void *made) {
     if (made == nullptr) {
+        const keel::cancel_shield shield;
         std::fputs("EMERG-Memory lack.\n", stderr);
-        std::exit(1);
+        keel::end_process(1);
     }
-    return made;
+    return static_cast<char *>(made);
 }
 
-/* Whenever the count reaches a power of two, room is made for as many again: the table's record has
- * no field for a capacity, and growing by one for each entry would move a large table too often. */
-void ini_add(ini_table &table, const char *section, const char *key, const char *value) {
-    if (table.count == 0 || std::has_single_bit(table.count)) {
-        const std::uint64_t capacity = std::max<std::uint64_t>(2 * table.count, 1);
-        table.entries =
-            static_cast<ini_entry *>(xrealloc(0, table.entries, capacity * sizeof *table.entries));
-    }
-    ini_entry &entry = table.entries[table.count];
-    entry.key = string_or_exit(strdup_cat(section, "::", key, nullptr));
-    entry.value = string_or_exit(strdup(value));
-    table.count++;
-}
+/* Clang takes it for granted that the functions of <cstdio> never unwind, and leaves out what a
+ * destructor does when a thread is cancelled in one. So the one that may wait for long is called
+ * through a pointer, and the warnings hold cancellation back. */
+char *(*const volatile next_piece)(char *, int, FILE *) = std::fgets;
 
 void warn_invalid(const char *text) {
+    const keel::cancel_shield shield;
     std::fprintf(stderr, "WARNING-Invalid entry(%s), ignore.\n", text);
 }
 
-/* Reads a file's lines one by one into a table. */
-class loader {
+void warn_empty_section() {
+    const keel::cancel_shield shield;
+    std::fputs("WARNING-Empty section, ignore.\n", stderr);
+}
+
+/* An array that grows by doubling. */
+template <class T>
+class growing_array {
   public:
-    loader(ini_table &table, const char *separators) : table_(table), separators_(separators) {}
+    /* Room for `added` more behind the end, which the caller fills and takes. */
+    T *room(std::size_t added) {
+        if (count_ + added > capacity_) {
+            capacity_ = std::max(2 * capacity_, count_ + added + 64);
+            data_.reset(static_cast<T *>(xrealloc(0, data_.release(), capacity_ * sizeof(T))));
+        }
+        return data_.get() + count_;
+    }
+    void take(std::size_t added) { count_ += added; }
+
+    T *begin() { return data_.get(); }
+    T *end() { return data_.get() + count_; }
+    std::size_t size() const { return count_; }
+
+  private:
+    std::unique_ptr<T, keel::free_block> data_;
+    std::size_t count_ = 0;
+    std::size_t capacity_ = 0;
+};
+
+/* ---- Reading -------------------------------------------------------------------------------- */
+
+/* The entries of a stream, in its order: for each the key and the value, terminated, one behind the
+ * other. The table gets them when all is read, so that a load that is cancelled leaves it alone. */
+class reader {
+  public:
+    explicit reader(const char *separators) : separators_(separators) {
+        std::strcpy(section_, default_section);
+    }
 
     void take_line(char *line) {
         *strchrnul(line, '#') = '\0';
@@ -78,6 +97,9 @@ class loader {
             take_entry(line);
     }
 
+    growing_array<char> &texts() { return texts_; }
+    std::size_t count() const { return count_; }
+
   private:
     /* An empty name keeps the section but not its mode, on purpose. */
     void take_header(char *line, std::size_t length, bool braces) {
@@ -85,7 +107,7 @@ class loader {
         line[length - 1] = '\0';
         const char *name = strtrim1(line + 1);
         if (*name == '\0')
-            std::fputs("WARNING-Empty section, ignore.\n", stderr);
+            warn_empty_section();
         else
             std::strcpy(section_, name); // as short as the line it came from
     }
@@ -99,15 +121,130 @@ class loader {
         const char *value = strtrim1(separator + 1);
         if (*key == '\0')
             return warn_invalid(key);
-        ini_add(table_, section_, key, value);
+        ini_add(key, value);
         if (two_way_ && *value != '\0')
-            ini_add(table_, section_, value, key);
+            ini_add(value, key);
     }
 
-    ini_table &table_;
+    void ini_add(const char *key, const char *value) {
+        const std::size_t size =
+            std::strlen(section_) + std::strlen(key) + std::strlen(value) + sizeof "::" + 1;
+        char *end = stpcpy(stpcpy(stpcpy(texts_.room(size), section_), "::"), key);
+        std::strcpy(end + 1, value);
+        texts_.take(size);
+        count_++;
+    }
+
     const char *separators_;
-    char section_[line_size] = "DEFAULT";
+    char section_[line_size];
     bool two_way_ = false;
+    growing_array<char> texts_;
+    std::size_t count_ = 0;
+};
+
+/* ---- Sorting -------------------------------------------------------------------------------- */
+
+/* An entry beside the first characters in which the keys of the table differ at all: they decide
+ * most comparisons without a look at the keys, which lie all over the memory. */
+struct sortable {
+    std::uint64_t high;
+    std::uint64_t low;
+    ini_entry entry;
+};
+
+std::uint64_t characters(const char *text, std::size_t length) {
+    std::uint64_t value = 0;
+    std::memcpy(&value, text, length);
+    return __builtin_bswap64(value); // the first character counts most
+}
+
+void note_characters(sortable &row, std::size_t skipped) {
+    const char *text = row.entry.key + skipped;
+    const std::size_t length = strnlen(text, 16);
+    row.high = characters(text, std::min<std::size_t>(length, 8));
+    row.low = length > 8 ? characters(text + 8, length - 8) : 0;
+}
+
+/* How many characters all keys begin with. */
+std::size_t common_prefix(growing_array<sortable> &rows) {
+    const char *first = rows.begin()->entry.key;
+    std::size_t common = std::strlen(first);
+    for (const sortable &row : rows) {
+        std::size_t i = 0;
+        while (i < common && row.entry.key[i] == first[i])
+            i++;
+        common = i;
+    }
+    return common;
+}
+
+/* Equal keys that were read together keep their order: their texts lie in it. */
+void sort_by_key(growing_array<sortable> &rows) {
+    const std::size_t skipped = common_prefix(rows);
+    for (sortable &row : rows)
+        note_characters(row, skipped);
+    std::sort(rows.begin(), rows.end(), [=](const sortable &left, const sortable &right) {
+        if (left.high != right.high)
+            return left.high < right.high;
+        if (left.low != right.low)
+            return left.low < right.low;
+        const int order = kv_compar(left.entry.key + skipped, right.entry.key + skipped);
+        return order != 0 ? order < 0 : std::less<>()(left.entry.key, right.entry.key);
+    });
+}
+
+/* An entry of the table's own: one block, the key at its beginning. Made in the table's order, so
+ * that keys that a search compares last lie side by side. */
+ini_entry own_copy(const ini_entry &read) {
+    const auto size = static_cast<std::size_t>(read.value - read.key) + std::strlen(read.value) + 1;
+    char *block = string_or_exit(std::malloc(size));
+    std::memcpy(block, read.key, size);
+    return {block, block + (read.value - read.key)};
+}
+
+void add_sorted(ini_table &table, reader &read) {
+    growing_array<sortable> rows;
+    const std::size_t count = table.count + read.count();
+    sortable *row = rows.room(count);
+    for (std::uint64_t i = 0; i < table.count; i++)
+        *row++ = {0, 0, table.entries[i]};
+    for (char *text = read.texts().begin(); text != read.texts().end();) {
+        char *value = text + std::strlen(text) + 1;
+        *row++ = {0, 0, {text, value}};
+        text = value + std::strlen(value) + 1;
+    }
+    rows.take(count);
+    if (count == 0)
+        return;
+    sort_by_key(rows);
+
+    table.entries =
+        static_cast<ini_entry *>(xrealloc(0, table.entries, count * sizeof *table.entries));
+    for (table.count = 0; table.count < count; table.count++) {
+        const ini_entry &entry = rows.begin()[table.count].entry;
+        const bool fresh = entry.key >= read.texts().begin() && entry.key < read.texts().end();
+        table.entries[table.count] = fresh ? own_copy(entry) : entry;
+    }
+}
+
+/* ---- Lookup --------------------------------------------------------------------------------- */
+
+/* "section::key", in place where it is of a usual size. */
+class full_key {
+  public:
+    full_key(const char *section, const char *key) {
+        const std::size_t size = std::strlen(section) + std::strlen(key) + sizeof "::";
+        if (size > sizeof small_)
+            large_.reset(static_cast<char *>(xcalloc(0, size)));
+        text_ = large_ == nullptr ? small_ : large_.get();
+        stpcpy(stpcpy(stpcpy(text_, section), "::"), key);
+    }
+    const char *text() const { return text_; }
+
+  private:
+    char small_[256];
+    keel::unique_cstr large_;
+    char *text_;
 };
 
 } // namespace
@@ -121,23 +258,19 @@ int ini_fload(ini_table *table, FILE *stream, const char *separators) {
     if (table == nullptr || stream == nullptr || separators == nullptr || *separators == '\0' ||
         std::strpbrk(separators, "[]{}#") != nullptr)
         return -1;
-    loader entries(*table, separators);
+    reader read(separators);
     char line[line_size];
-    while (std::fgets(line, sizeof line, stream) != nullptr)
-        entries.take_line(line);
-    std::stable_sort(
-        table->entries, table->entries + table->count,
-        [](const ini_entry &left, const ini_entry &right) { return kv_compar(left, right) < 0; });
+    while (next_piece(line, sizeof line, stream) != nullptr)
+        read.take_line(line);
+    add_sorted(*table, read);
     return 0;
 }
 
 int ini_unload(ini_table *table) {
     if (table == nullptr)
         return -1;
-    for (std::uint64_t i = 0; i < table->count; i++) {
-        xfree(0, table->entries[i].key);
-        xfree(0, table->entries[i].value);
-    }
+    for (std::uint64_t i = 0; i < table->count; i++)
+        xfree(0, table->entries[i].key); // and the value, in the same block
     xfree(0, table->entries);
     *table = ini_table{nullptr, 0};
     return 0;
@@ -151,15 +284,13 @@ const char *ini_section_get(const ini_table *table, const char *section, const c
     if (table == nullptr || table->count == 0 || section == nullptr || *section == '\0' ||
         key == nullptr || *key == '\0')
         return nullptr;
-    const std::size_t section_length = std::strlen(section);
+    const full_key wanted(section, key);
     const ini_entry *begin = table->entries;
     const ini_entry *end = begin + table->count;
-    const ini_entry *found = std::partition_point(begin, end, [=](const ini_entry &entry) {
-        return compare_key(entry.key, section, section_length, key) < 0;
+    const ini_entry *found = std::partition_point(begin, end, [&](const ini_entry &entry) {
+        return kv_compar(entry.key, wanted.text()) < 0;
     });
-    if (found == end || compare_key(found->key, section, section_length, key) != 0)
-        return nullptr;
-    return found->value;
+    return found != end && kv_compar(found->key, wanted.text()) == 0 ? found->value : nullptr;
 }
 
 int ini_print(const ini_table *table, FILE *stream) {

@@ -6,13 +6,14 @@
 #include <fcntl.h>
 #include <sys/inotify.h>
 
+#include "ending.h"
 #include "xstdio.h"
 
 namespace {
 
 int result_or_die(int result) {
     if (result == -1)
-        std::exit(1);
+        keel::end_process(1);
     return result;
 }
 

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "cancel_shield.h"
+#include "ending.h"
 #include "handles.h"
 #include "mutex_lock.h"
 #include "sync_file.h"
@@ -159,7 +160,8 @@ char *put_prefix(char *end, const log_level_desc &level) {
 /* Formatted before any lock is taken, and in one piece, so that it is written at once. */
 class record {
   public:
-    record(const log_level_desc &level, const char *format, va_list arguments) {
+    [[gnu::format(printf, 3, 0)]] record(const log_level_desc &level, const char *format,
+                                         va_list arguments) {
         const int reason = errno; // for a "%m"
         char *message = put_prefix(small_, level);
         const auto prefix = static_cast<std::size_t>(message - small_);
@@ -228,7 +230,7 @@ void log_rename(const char *path) {
     for (;;) {
         const unique_cstr archive = archive_path(path);
         if (archive == nullptr)
-            std::exit(1);
+            keel::end_process(1);
         if (fexist(archive.get(), 0) == 0) { // never overwritten: the next millisecond is another
             usleep(static_cast<useconds_t>(settings.rename_gap));
             continue;
@@ -267,14 +269,15 @@ void count_record_locked(int id) {
     fcounters[id] = 0;
 }
 
-/* A host may have put a stream without a descriptor in place of its standard output. */
-bool write_whole(FILE *stream, const char *text, std::size_t length) {
-    if (std::fflush(stream) != 0)
+/* Behind what the host has printed. A host may also have put a stream without a descriptor in place
+ * of its standard output. */
+bool write_to_stdout(const char *text, std::size_t length) {
+    if (std::fflush(stdout) != 0)
         return false;
-    const int descriptor = fileno(stream);
+    const int descriptor = fileno(stdout);
     if (descriptor != -1)
         return keel::write_all(descriptor, text, length);
-    return std::fwrite(text, 1, length, stream) == length && std::fflush(stream) == 0;
+    return std::fwrite(text, 1, length, stdout) == length && std::fflush(stdout) == 0;
 }
 
 /* The one way out for a record. The shield is for the file that may be half rotated, and for the
@@ -283,21 +286,37 @@ bool write_record(int id, const char *text, std::size_t length) {
     const cancel_shield shield;
     const mutex_lock lock(set_up() ? fmtxs[id] : stdout_mutex);
     if (!set_up())
-        return write_whole(stdout, text, length);
+        return write_to_stdout(text, length);
     if (fptrs[id] == nullptr)
         return false;
-    const bool written = write_whole(fptrs[id], text, length);
+    const bool written = keel::write_all(fileno(fptrs[id]), text, length);
     count_record_locked(id);
     return written;
 }
 
-[[gnu::noinline]] int print_record(int id, const log_level_desc &level, const char *format,
-                                   va_list arguments) {
-    record line(level, format, arguments);
+[[gnu::noinline, gnu::format(printf, 3, 0)]] int
+print_record(int id, std::uint32_t level, const char *format, va_list arguments) {
+    record line(log_level_descs[std::countr_zero(level) + 1], format, arguments);
     if (line.printed() < 0 || !write_record(id, line.text(), line.length()))
         return -1;
     /* Less four on purpose: callers only ask whether it is -1. */
     return line.printed() - 4;
+}
+
+int dump_record(int id, const void *data, std::size_t length) {
+    const cancel_shield shield; // around the stream in memory
+    char *text = nullptr;
+    std::size_t size = 0;
+    FILE *stream = open_memstream(&text, &size);
+    if (stream == nullptr)
+        return -1;
+    char prefix[prefix_size];
+    char *end = put_text(put_prefix(prefix, log_level_descs[0]), "--> ", 4);
+    std::fwrite(prefix, 1, static_cast<std::size_t>(end - prefix), stream);
+    const int dumped = hexdump(stream, data, length);
+    const bool made = std::fclose(stream) == 0;
+    const unique_cstr owned(text);
+    return made && write_record(id, text, size) ? dumped : -1;
 }
 
 /* ---- Setting up ----------------------------------------------------------------------------- */
@@ -407,28 +426,18 @@ int log_print(int id, std::uint32_t level, const char *format, ...) {
         return -1;
     va_list arguments;
     va_start(arguments, format);
-    const auto &description = log_level_descs[std::countr_zero(level) + 1];
-    const int result = print_record(id, description, format, arguments);
+    const int result = print_record(id, level, format, arguments);
     va_end(arguments);
+    pthread_testcancel(); // or a thread that does nothing but log could never be cancelled
     return result;
 }
 
 int log_dump(int id, const void *data, std::size_t length) {
     if (data == nullptr || length == 0 || (set_up() && !valid_log(id)))
         return -1;
-    const cancel_shield shield; // around the stream in memory
-    char *text = nullptr;
-    std::size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    if (stream == nullptr)
-        return -1;
-    char prefix[prefix_size];
-    char *end = put_text(put_prefix(prefix, log_level_descs[0]), "--> ", 4);
-    std::fwrite(prefix, 1, static_cast<std::size_t>(end - prefix), stream);
-    const int dumped = hexdump(stream, data, length);
-    const bool made = std::fclose(stream) == 0;
-    const unique_cstr owned(text);
-    return made && write_record(id, text, size) ? dumped : -1;
+    const int result = dump_record(id, data, length);
+    pthread_testcancel();
+    return result;
 }
 
 int log_init(char *const argv[], const char *directory, log_conf *conf) {
@@ -475,6 +484,7 @@ int log_close(int id) {
 int log_destroy() {
     if (!set_up())
         return 0;
+    const cancel_shield shield;
     /* An array is missing where log_init() ran out of memory; the mutexes are made last. */
     for (std::uint64_t slot = 0; fmtxs != nullptr && slot < settings.nlogs; slot++) {
         close_stream(fptrs[slot]);

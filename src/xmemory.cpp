@@ -5,13 +5,17 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "cancel_shield.h"
+#include "ending.h"
+
 namespace {
 
 /* Unformatted on purpose: a formatted print may itself need the memory that has run out. */
 [[noreturn]] void xerror(const char * /*function*/, std::uint32_t /*tag*/, std::size_t /*size*/) {
+    const keel::cancel_shield shield;
     static constexpr char message[] = "No memory!!!\n";
     [[maybe_unused]] const auto ignored = write(STDERR_FILENO, message, sizeof message - 1);
-    std::exit(-1);
+    keel::end_process(-1);
 }
 
 } // namespace

@@ -10,10 +10,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
+#include <string_view>
 #include <sys/types.h>
 #include <utility>
 
+#include "cancel_shield.h"
 #include "char_class.h"
+#include "ending.h"
 
 namespace {
 
@@ -57,6 +61,11 @@ char *put_row(char *end, const unsigned char *bytes, std::size_t count, std::siz
     return end;
 }
 
+bool put_rows(const char *begin, const char *end, FILE *stream) {
+    const auto size = static_cast<std::size_t>(end - begin);
+    return std::fwrite(begin, 1, size, stream) == size;
+}
+
 /* ---- Lines backwards ------------------------------------------------------------------------ */
 
 /* Marks that take the place of an offset in the cursor of frgets(). */
@@ -67,11 +76,51 @@ enum cursor_mark : std::int64_t {
     empty_first_line_left = -4,
 };
 
+/* What the C library has of the file in the stream's buffer. fseeko() asks the kernel even where
+ * the place it goes to is in there, and that, several times a line, costs more than all the rest;
+ * so a place in the buffer is reached by moving the stream's own read pointer, as fseeko() ends up
+ * doing too. Text pushed back by ungetc() may stand elsewhere: then there is no window. */
+class buffer_window {
+  public:
+    explicit buffer_window(FILE *stream) : stream_(stream) {
+        if (stream->_IO_save_base != nullptr)
+            return;
+        begin = stream->_IO_read_base;
+        position = stream->_IO_read_ptr;
+        end = stream->_IO_read_end;
+    }
+
+    /* Nothing stands at the position; there may be text before it. */
+    bool at_end() const { return position == end; }
+
+    const char *newline_up_to_position() const {
+        return find(memrchr(begin, '\n', static_cast<std::size_t>(position + 1 - begin)));
+    }
+    const char *newline_from(const char *from) const {
+        return find(std::memchr(from, '\n', static_cast<std::size_t>(end - from)));
+    }
+
+    void move_to(const char *place) {
+        stream_->_IO_read_ptr += place - position;
+        stream_->_flags &= ~_IO_EOF_SEEN;
+        position = place;
+    }
+
+    const char *begin = nullptr;
+    const char *position = nullptr;
+    const char *end = nullptr;
+
+  private:
+    static const char *find(const void *found) { return static_cast<const char *>(found); }
+
+    FILE *stream_;
+};
+
 /* The offset of the last newline before `end`, or -1. Looks at pieces that double in size, so that
  * a short line costs little and a long one is still read in large blocks. */
 std::int64_t newline_before(FILE *stream, std::int64_t end) {
     char block[16 * 1024];
-    for (std::int64_t size = 256; end > 0; size = std::min<std::int64_t>(2 * size, sizeof block)) {
+    for (std::int64_t size = 512; end > 0; size = std::min<std::int64_t>(2 * size, sizeof block)) {
         const std::int64_t begin = std::max<std::int64_t>(end - size, 0);
         const auto length = static_cast<std::size_t>(end - begin);
         if (fseeko(stream, begin, SEEK_SET) != 0 || std::fread(block, 1, length, stream) != length)
@@ -103,14 +152,74 @@ bool step_back(FILE *stream, std::int64_t &cursor) {
     const int character = std::fgetc(stream);
     if (character == EOF)
         return step_back_from_end(stream, cursor, position);
-    const std::int64_t newline = character == '\n' ? position : newline_before(stream, position);
-    if (newline >= 0 || character == '\n') {
-        fseeko(stream, newline + 1, SEEK_SET);
-        cursor = newline > 0 ? newline - 1 : empty_first_line_above;
-    } else {
-        fseeko(stream, 0, SEEK_SET);
-        cursor = at_first_line;
+    if (character == '\n') { // it ends the line above; the stream stands behind it already
+        cursor = position > 0 ? position - 1 : empty_first_line_above;
+        return true;
     }
+    const std::int64_t newline = newline_before(stream, position);
+    fseeko(stream, newline + 1, SEEK_SET);
+    if (newline >= 0)
+        cursor = newline > 0 ? newline - 1 : empty_first_line_above;
+    else
+        cursor = at_first_line;
+    return true;
+}
+
+/* Stores a line that lies in two pieces; false where it is too long, or where a NUL byte in it
+ * makes fgets() show less than was read. */
+bool put_line(char *buffer, int size, std::string_view head, std::string_view rest) {
+    const std::size_t length = head.size() + rest.size();
+    if (length >= static_cast<std::size_t>(size) || head.find('\0') != head.npos ||
+        rest.find('\0') != rest.npos)
+        return false;
+    head.copy(buffer, head.size());
+    rest.copy(buffer + head.size(), rest.size());
+    buffer[length] = '\0';
+    return true;
+}
+
+std::string_view text_between(const char *begin, const char *end) {
+    return {begin, static_cast<std::size_t>(end - begin)};
+}
+
+/* As take_buffered_line(), for a line that begins in the block before the one in the buffer. */
+bool take_line_across_blocks(char *buffer, int size, FILE *stream, std::int64_t &cursor,
+                             const buffer_window &window) {
+    const char *newline = window.newline_from(window.position);
+    const std::int64_t before = cursor - (window.position - window.begin) - 1;
+    char rest[4096];
+    if (newline == nullptr || newline - window.begin >= std::ssize(rest) || before < 0)
+        return false;
+    const auto length = static_cast<std::size_t>(newline + 1 - window.begin);
+    std::memcpy(rest, window.begin, length);
+    fseeko(stream, before, SEEK_SET);
+    buffer_window block(stream);
+    const char *above = block.at_end() ? nullptr : block.newline_up_to_position();
+    if (above == nullptr || above == block.begin ||
+        !put_line(buffer, size, text_between(above + 1, block.position + 1), {rest, length})) {
+        fseeko(stream, cursor, SEEK_SET);
+        return false;
+    }
+    cursor = before - (block.position - above) - 1;
+    block.move_to(above - 1);
+    return true;
+}
+
+/* The usual case, done in one go: the stream stands at the cursor, and the line behind it and the
+ * newline of the line above lie in the stream's buffer. False, and nothing done, in any other. */
+bool take_buffered_line(char *buffer, int size, FILE *stream, std::int64_t &cursor) {
+    buffer_window window(stream);
+    if (window.at_end())
+        return false;
+    const char *above = window.newline_up_to_position();
+    if (above == nullptr)
+        return take_line_across_blocks(buffer, size, stream, cursor, window);
+    const char *newline = window.newline_from(std::max(window.position, above + 1));
+    if (newline == nullptr || above == window.begin ||
+        !put_line(buffer, size, text_between(above + 1, newline + 1), {}))
+        return false;
+    cursor -= window.position - above + 1;
+    window.move_to(above - 1);
     return true;
 }
 
@@ -135,8 +244,8 @@ void seek_to_cursor(FILE *stream, std::int64_t &cursor) {
 
 constexpr int capacity_step = 80;
 
-/* What this thread knows of the buffer that it filled last: all is zero behind the line. Zeroing it
- * all again for each short line after one long line would make reading quadratic. */
+/* The buffer that this thread filled last, which it left zero behind the line. Zeroing it all again
+ * for each short line after one long line would make reading quadratic. */
 struct filled_buffer {
     const char *begin;
     int capacity;
@@ -148,13 +257,29 @@ thread_local filled_buffer last_filled;
  * to its buffer meanwhile. */
 constexpr std::size_t always_zeroed = 4096;
 
-void zero_behind(char *buffer, int capacity, std::size_t used, bool known) {
-    auto end = static_cast<std::size_t>(capacity);
-    if (known)
-        end = std::min(end, std::max(last_filled.used, used + always_zeroed));
-    if (end > used)
-        std::memset(buffer + used, 0, end - used);
-    last_filled = {buffer, capacity, used};
+/* Whether the buffer is zero from `begin` on, by as many bytes as may be looked at for each line:
+ * what another thread read, or another block in the place of a freed one, is seen. */
+bool seems_zero(const char *buffer, std::size_t begin, std::size_t capacity) {
+    constexpr std::size_t samples = 64;
+    const auto is_zero = [](char c) { return c == '\0'; };
+    if (!std::all_of(buffer + begin, buffer + std::min(begin + samples, capacity), is_zero))
+        return false;
+    for (std::size_t end = capacity; end > begin; end -= std::min(end, capacity / samples))
+        if (!is_zero(buffer[end - 1]))
+            return false;
+    return true;
+}
+
+void zero_behind(char *buffer, int size, std::size_t used, bool known) {
+    const auto capacity = static_cast<std::size_t>(size);
+    std::size_t end = capacity;
+    if (known) {
+        const std::size_t kept = std::max(last_filled.used, used + always_zeroed);
+        if (kept < capacity && seems_zero(buffer, kept, capacity))
+            end = kept;
+    }
+    std::memset(buffer + used, 0, end - used);
+    last_filled = {buffer, size, used};
 }
 
 /* The capacity that steps of 80 reach for a line of `length` characters: room for its terminator,
@@ -167,28 +292,32 @@ int capacity_for(int capacity, std::size_t length, bool ends_in_newline) {
     const std::size_t steps = (wanted - present + capacity_step - 1) / capacity_step;
     const std::size_t reached = present + steps * capacity_step;
     if (reached > INT_MAX)
-        std::exit(1);
+        keel::end_process(1);
     return static_cast<int>(reached);
 }
 
 void grow(char *&buffer, int capacity) {
     char *grown = static_cast<char *>(std::realloc(buffer, static_cast<std::size_t>(capacity)));
     if (grown == nullptr)
-        std::exit(1);
+        keel::end_process(1);
     buffer = grown;
 }
 
-/* Below 80 the capacity grows by one step, negative ones included. */
+/* Below 80 the capacity grows by one step, negative ones included. A null buffer has no room, even
+ * where its capacity says so. */
 int grow_to_first_step(char *&buffer, int capacity) {
-    if (buffer == nullptr)
+    if (buffer == nullptr && capacity >= capacity_step)
         capacity = 0;
     if (capacity >= capacity_step)
         return capacity;
     capacity += capacity_step;
+    if (capacity <= 0)
+        keel::end_process(1);
     grow(buffer, capacity);
     if (capacity == 1) {
+        const keel::cancel_shield shield;
         std::fprintf(stderr, "%s: Hopeless case\n", "_fgets");
-        std::exit(1);
+        keel::end_process(1);
     }
     return capacity;
 }
@@ -216,10 +345,11 @@ int hexdump(FILE *stream, const void *data, std::size_t length) {
     if (stream == nullptr || data == nullptr || length == 0)
         return -1;
     const std::size_t count = std::min<std::size_t>(length, UINT32_MAX);
-    std::fprintf(stream,
-                 "HexDump(%u/%zu)\n" RULE
-                 " ~ BOOM ~ |  0  1  2  3  4  5  6  7  8  9  A  B  C  D  E  F |\n" RULE,
-                 static_cast<unsigned>(count), length);
+    if (std::fprintf(stream,
+                     "HexDump(%u/%zu)\n" RULE
+                     " ~ BOOM ~ |  0  1  2  3  4  5  6  7  8  9  A  B  C  D  E  F |\n" RULE,
+                     static_cast<unsigned>(count), length) < 0)
+        return -1;
     const keel::char_class classes;
     const auto *bytes = static_cast<const unsigned char *>(data);
     std::array<char, 256 * row_size> rows;
@@ -227,13 +357,14 @@ int hexdump(FILE *stream, const void *data, std::size_t length) {
     for (std::size_t offset = 0; offset < count; offset += row_bytes) {
         end = put_row(end, bytes + offset, std::min(row_bytes, count - offset), offset, classes);
         if (rows.data() + rows.size() - end < static_cast<std::ptrdiff_t>(row_size)) {
-            std::fwrite(rows.data(), 1, static_cast<std::size_t>(end - rows.data()), stream);
+            if (!put_rows(rows.data(), end, stream))
+                return -1;
             end = rows.data();
         }
     }
-    std::fwrite(rows.data(), 1, static_cast<std::size_t>(end - rows.data()), stream);
-    std::fputs(RULE, stream);
-    return std::ferror(stream) != 0 ? -1 : static_cast<int>(count);
+    if (!put_rows(rows.data(), end, stream) || std::fputs(RULE, stream) == EOF)
+        return -1;
+    return static_cast<int>(count);
 }
 
 long fsize(FILE *stream) {
@@ -258,6 +389,8 @@ char *frgets(char *buffer, int size, FILE *stream, std::int64_t *cursor) {
         return nullptr;
     if (*cursor == empty_first_line_left)
         return give_empty_line(buffer, *cursor);
+    if (ftello(stream) == *cursor && take_buffered_line(buffer, size, stream, *cursor))
+        return buffer;
     for (;;) {
         if (ftello(stream) != *cursor) { // a line begins here, or goes on
             if (std::fgets(buffer, size, stream) != nullptr) {
@@ -282,16 +415,17 @@ char *frgets(char *buffer, int size, FILE *stream, std::int64_t *cursor) {
 
 char *_fgets(char **buffer, int *capacity, FILE *stream, int *length) {
     if (buffer == nullptr || capacity == nullptr || stream == nullptr) {
+        const keel::cancel_shield shield;
         errno = EINVAL;
         std::perror("_fgets");
-        std::exit(1);
+        keel::end_process(1);
     }
     const bool known = *buffer == last_filled.begin && *capacity == last_filled.capacity;
     const int present = grow_to_first_step(*buffer, *capacity);
     auto allocated = static_cast<std::size_t>(present);
     const ssize_t taken = getline(buffer, &allocated, stream);
     if (taken == -1 && std::feof(stream) == 0 && std::ferror(stream) == 0)
-        std::exit(1); // no memory
+        keel::end_process(1); // no memory
     if (taken == -1 || std::ferror(stream) != 0) {
         std::free(std::exchange(*buffer, nullptr));
         *capacity = 0;

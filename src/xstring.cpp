@@ -2,11 +2,13 @@
 #include "xstring.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
 #include "char_class.h"
+#include "ending.h"
 #include "formatted.h"
 
 namespace {
@@ -15,7 +17,7 @@ using keel::char_class;
 using keel::formatted;
 using keel::unique_cstr;
 
-/* What strtrim4() can tidy: a printable byte, which rules out all whitespace but the blank. */
+/* What strtrim4() can tidy: a printable byte that is not whitespace, or the blank. */
 bool usable_separator(int separator) {
     return separator >= -128 && separator <= 255 && std::isprint(separator) != 0 &&
            (separator == ' ' || std::isspace(separator) == 0);
@@ -27,13 +29,14 @@ void remove_character(char *position) {
 
 /* The value of `key`, inside `list`, which is cut into pieces on the way; or null. */
 char *find_value(char *list, const char *key, char entry_separator, int value_separator) {
-    if (!usable_separator(value_separator))
+    if (value_separator == '\0' || value_separator < SCHAR_MIN || value_separator > UCHAR_MAX)
         return nullptr;
     const char entry_end[] = {entry_separator, '\0'};
     char *rest = nullptr;
     for (char *entry = strtok_r(list, entry_end, &rest); entry != nullptr;
          entry = strtok_r(nullptr, entry_end, &rest)) {
-        char *separator = std::strchr(strtrim4(entry, value_separator), value_separator);
+        strtrim4(entry, value_separator); // leaves an entry alone that it cannot tidy
+        char *separator = std::strchr(entry, value_separator);
         if (separator == nullptr)
             continue;
         *separator = '\0';
@@ -74,10 +77,11 @@ int compare_from_end(const char *left, std::size_t left_length, const char *righ
 }
 
 /* For comparisons, whose results leave no room for a failure. */
-formatted formatted_or_exit(const char *format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) formatted formatted_or_exit(const char *format,
+                                                                  va_list arguments) {
     formatted made(format, arguments);
     if (made.text == nullptr)
-        std::exit(1);
+        keel::end_process(1);
     return made;
 }
 
@@ -124,17 +128,20 @@ char *strtrim2(char *text) {
 char *strtrim3(char *text) {
     if (text == nullptr)
         return nullptr;
-    const unique_cstr scratch(static_cast<char *>(std::malloc(std::strlen(text) + 1)));
+    const std::size_t length = std::strlen(text);
+    const unique_cstr scratch(static_cast<char *>(std::malloc(length + 1)));
     if (scratch == nullptr)
         return nullptr;
     const char_class classes;
-    char *end = scratch.get();
+    std::size_t kept = 0;
     for (const char *next = text; *next != '\0'; next++) {
-        *end = *next;
-        end += !classes.space(*next);
+        scratch.get()[kept] = *next;
+        kept += !classes.space(*next);
     }
-    *end = '\0';
-    std::memcpy(text, scratch.get(), static_cast<std::size_t>(end - scratch.get()) + 1);
+    if (kept < length) {
+        std::memcpy(text, scratch.get(), kept);
+        text[kept] = '\0';
+    }
     return text;
 }
 
@@ -153,7 +160,7 @@ char *strtrim4(char *text, int separator) {
 }
 
 char *strdup_ncat(std::size_t limit, ...) {
-    if (limit + 1 == 0)
+    if (limit + 1 == 0) // no room for the terminator
         return nullptr;
     unique_cstr made(static_cast<char *>(std::calloc(limit + 1, 1)));
     if (made == nullptr)
@@ -309,7 +316,7 @@ int str_startwithf(const char *text, const char *format, ...) {
     va_start(arguments, format);
     const formatted prefix = formatted_or_exit(format, arguments);
     va_end(arguments);
-    const auto length = static_cast<std::size_t>(prefix.length);
+    const std::size_t length = std::strlen(prefix.text.get());
     return text != nullptr && std::strncmp(text, prefix.text.get(), length) == 0 ? 1 : 0;
 }
 

@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "ending.h"
+
 void err_sys(const char * /*format*/, ...) {
-    std::exit(1);
+    keel::end_process(1);
 }
 
 int Close(int descriptor) {
@@ -19,7 +21,7 @@ int Close(int descriptor) {
 }
 
 int Unlink(const char *path) {
-    if (unlink(path) == -1)
+    if (path == nullptr || unlink(path) == -1)
         err_sys("unlink error(%s)", path);
     return 0;
 }
@@ -40,6 +42,10 @@ int Socket(int domain, int type, int protocol) {
 }
 
 int Mkfifo(const char *path, mode_t mode) {
+    if (path == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
     if (mkfifo(path, mode) == -1 && errno != EEXIST)
         return -1;
     errno = 0;

@@ -11,13 +11,16 @@
 #include <limits>
 #include <unistd.h>
 
+#include "cancel_shield.h"
+#include "ending.h"
 #include "formatted.h"
 
 namespace {
 
 [[noreturn]] void die(const char *routine) {
+    const keel::cancel_shield shield;
     std::perror(routine);
-    std::exit(1);
+    keel::end_process(1);
 }
 
 template <class T>
@@ -82,6 +85,7 @@ int System(const char *command) {
 }
 
 int Systemf(const char *format, ...) {
+    argument_or_die(format, "Systemf");
     va_list arguments;
     va_start(arguments, format);
     const keel::formatted command(format, arguments);

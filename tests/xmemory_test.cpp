@@ -1,15 +1,24 @@
 /* SPDX-License-Identifier: MIT */
 #include "xmemory.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
 
+#include "cancelled.h"
 #include "child.h"
 
 namespace {
 
 using keel_test::exited;
+using keel_test::run_cancelled;
 using keel_test::run_in_child;
 
 constexpr std::uint32_t tags[] = {0, 1, UINT32_MAX};
@@ -29,10 +38,13 @@ TEST(Xmemory, GivesBlocksWhateverTheTag) {
 }
 
 TEST(Xmemory, CallocZeroes) {
-    auto *block = static_cast<char *>(xcalloc(0, 1000));
-    for (int i = 0; i < 1000; i++)
-        ASSERT_EQ(block[i], 0) << i;
-    xfree(0, block);
+    constexpr std::array<char, 1000> zeroes{};
+    for (int i = 0; i < 10; i++) { // the later ones may be blocks that were in use
+        void *block = xcalloc(0, zeroes.size());
+        ASSERT_EQ(std::memcmp(block, zeroes.data(), zeroes.size()), 0);
+        std::memset(block, 7, zeroes.size());
+        xfree(0, block);
+    }
 }
 
 TEST(Xmemory, ReallocOfNullAllocates) {
@@ -50,7 +62,9 @@ TEST(Xmemory, EmptyBlocksAreBlocks) {
     xfree(0, other);
 }
 
-TEST(Xmemory, FreeIgnoresNull) { xfree(0, nullptr); }
+TEST(Xmemory, FreeIgnoresNull) {
+    xfree(0, nullptr);
+}
 
 TEST(Xmemory, EndsWithoutMemory) {
     const auto no_memory = exited(255, "No memory!!!\n");
@@ -62,6 +76,36 @@ TEST(Xmemory, EndsWithoutMemory) {
 
 TEST(Xmemory, ReallocToNothingEnds) {
     EXPECT_EQ(run_in_child([] { xrealloc(0, xmalloc(0, 8), 0); }), exited(255, "No memory!!!\n"));
+}
+
+/* Each write becomes a message of its own on the socket that takes standard error's place. */
+TEST(Xmemory, SaysSoInOneWrite) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    const auto without_memory = [&] {
+        dup2(ends[1], STDERR_FILENO);
+        xmalloc(0, too_much);
+    };
+    EXPECT_EQ(run_in_child(without_memory), exited(255));
+    close(ends[1]);
+    char message[64];
+    ssize_t size;
+    std::vector<std::string> messages; // a sanitizer may add some of its own
+    while ((size = recv(ends[0], message, sizeof message, 0)) > 0)
+        messages.emplace_back(message, static_cast<std::size_t>(size));
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "No memory!!!\n"), 1);
+    close(ends[0]);
+}
+
+TEST(Xmemory, EndsAThreadsProcessThoughTheThreadIsCancelled) {
+    const auto cancelled = [] {
+        run_cancelled([] {
+            std::fputs("pending", stdout);
+            xmalloc(0, too_much);
+        });
+    };
+    const keel_test::child_result whole = {255, 0, "pending", "No memory!!!\n"};
+    EXPECT_EQ(run_in_child(cancelled), whole);
 }
 
 } // namespace

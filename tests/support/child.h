@@ -23,8 +23,13 @@ void PrintTo(const child_result &result, std::ostream *stream);
  * ends the child with status 0, its streams flushed. */
 child_result run_in_child(const std::function<void()> &body);
 
+/* In a child: from now on no allocation of more than 256 MiB succeeds. */
+void limit_memory();
+
 /* The ending of a call that ends the process: this status, this text on standard error, nothing on
  * standard output. */
-inline child_result exited(int status, const std::string &err = "") { return {status, 0, "", err}; }
+inline child_result exited(int status, const std::string &err = "") {
+    return {status, 0, "", err};
+}
 
 } // namespace keel_test

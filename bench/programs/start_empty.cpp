@@ -1,0 +1,5 @@
+/* SPDX-License-Identifier: MIT */
+/* The least that a C++ program is. */
+int main() {
+    return 0;
+}

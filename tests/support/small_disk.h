@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: MIT */
+#pragma once
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <thread>
+#include <unistd.h>
+
+namespace keel_test {
+
+inline bool can_mount() {
+    return geteuid() == 0;
+}
+
+/* Runs `body` on a thread that alone sees `directory` as a file system of `size`, such as "16k",
+ * which is gone afterwards. Needs root. */
+inline void on_small_disk(const std::string &directory, const std::string &size,
+                          const std::function<void()> &body) {
+    std::thread([&] {
+        const std::string options = "size=" + size;
+        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, "") != 0 ||
+            mount("small", directory.c_str(), "tmpfs", 0, options.c_str()) != 0)
+            FAIL() << "no small disk: " << std::strerror(errno);
+        body();
+    }).join();
+}
+
+} // namespace keel_test
