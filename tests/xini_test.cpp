@@ -642,6 +642,10 @@ TEST(IniSectionPrint, LongNamesAreCut) {
     EXPECT_EQ(printed_section(table, 1, longest + "::" + string(10'000, 'x')), entry);
     for (const string &section : {longest + "s", longest + string(10'000, 's')})
         EXPECT_EQ(printed_section(table, 0, section), "Can't find section [" + section + "].\n");
+    const string key(2042, 'k');
+    EXPECT_EQ(printed_section(owned_table("[a]\n" + key + ":x=1\n"), 0, "a::" + key),
+              "Can't find section [a::" + key + "].\n")
+        << "both colons of a name of 2045 characters count";
 }
 
 /* ---- Against a plain reader ----------------------------------------------------------------- */

@@ -18,7 +18,7 @@ FLAGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Werror", f"-I{incl
 
 def compile_headers(job):
     (compiler, language, standard), names = job
-    text = "".join(f"#include <{name}>\n" for name in names)
+    text = "".join(f"#include <{name}>\n" for name in names) + "extern int a_declaration;\n"
     command = [compiler, *FLAGS, f"-std={standard}", "-x", language, "-"]
     run = subprocess.run(command, input=text, text=True, capture_output=True)
     return "" if run.returncode == 0 else f"{compiler} -std={standard}, {' '.join(names)}:\n{run.stderr}"
