@@ -2,7 +2,6 @@
 #include "xlog.h"
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cstdarg>
@@ -90,21 +89,10 @@ struct local_time {
     int milliseconds = 0;
 };
 
-/* localtime_r() alone would never see that the rules of the time zone have changed on disk;
- * tzset() looks, and once a second is soon enough. */
-void refresh_time_zone(time_t second) {
-    static std::atomic<time_t> last_look;
-    if (last_look.load(std::memory_order_relaxed) == second)
-        return;
-    last_look.store(second, std::memory_order_relaxed);
-    tzset();
-}
-
 local_time local_now() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     local_time time;
-    refresh_time_zone(now.tv_sec);
     localtime_r(&now.tv_sec, &time.fields);
     time.milliseconds = static_cast<int>(now.tv_nsec / 1'000'000);
     return time;
