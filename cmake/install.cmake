@@ -14,10 +14,14 @@ write_basic_package_version_file(keel-config-version.cmake COMPATIBILITY SameMaj
 install(FILES ${PROJECT_BINARY_DIR}/keel-config.cmake ${PROJECT_BINARY_DIR}/keel-config-version.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/keel)
 
+# It finds its prefix from where it lies: `cmake --install --prefix` may name another one.
+file(RELATIVE_PATH keel_up ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+file(RELATIVE_PATH keel_libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH keel_includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR}/keel)
 file(CONFIGURE OUTPUT keel.pc @ONLY CONTENT
-"prefix=@CMAKE_INSTALL_PREFIX@
-libdir=@CMAKE_INSTALL_FULL_LIBDIR@
-includedir=@CMAKE_INSTALL_FULL_INCLUDEDIR@/keel
+"prefix=\${pcfiledir}/@keel_up@
+libdir=\${prefix}/@keel_libdir@
+includedir=\${prefix}/@keel_includedir@
 
 Name: keel
 Description: @PROJECT_DESCRIPTION@

@@ -36,7 +36,8 @@ set_target_properties(keel_static PROPERTIES OUTPUT_NAME keel)
 foreach(library keel keel_static)
     target_link_libraries(${library} PRIVATE $<BUILD_INTERFACE:keel_own_build> Threads::Threads)
     target_include_directories(${library} PUBLIC
-        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include/keel>)
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/keel>)
 endforeach()
 add_library(keel::keel ALIAS keel)
 add_library(keel::static ALIAS keel_static)

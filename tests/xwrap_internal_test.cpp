@@ -20,7 +20,6 @@
 namespace {
 
 struct stand_in {
-    int failure = 0;                 // the error of every semaphore, mutex and clock call
     std::vector<int> timed_waits;    // the error of each timed wait, 0 for none
     const timespec *now = nullptr;   // the time on the clock
     std::vector<clockid_t> clocks;   // the clocks that were read
@@ -28,11 +27,12 @@ struct stand_in {
 };
 
 stand_in system_;
+std::atomic<int> failure;       // the error of the next semaphore, mutex or clock call
 std::atomic<int> interruptions; // of true waits
 
 /* The first call fails, not those of the test framework while the process ends. */
 int take_failure() {
-    return std::exchange(system_.failure, 0);
+    return failure.exchange(0);
 }
 
 int failed(int error) {
@@ -155,8 +155,14 @@ using keel_test::run_in_child;
 
 class XwrapInternal : public testing::Test {
   protected:
-    XwrapInternal() { system_ = {}; }
-    ~XwrapInternal() override { system_ = {}; }
+    XwrapInternal() { reset(); }
+    ~XwrapInternal() override { reset(); }
+
+  private:
+    static void reset() {
+        system_ = {};
+        failure = 0;
+    }
 };
 
 using Allocation = XwrapInternal;
@@ -177,7 +183,7 @@ constexpr int errors[] = {EPERM,  EINTR,   EAGAIN,    EBUSY,     EINVAL,
 /* How `call` ends where the system's part fails with `error`. */
 keel_test::child_result ending_with(int error, const std::function<int()> &call) {
     return ending_after(ENOENT, [&] {
-        system_.failure = error;
+        failure = error;
         call();
     });
 }

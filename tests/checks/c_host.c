@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /* A host in plain C: it includes every header, links keel alone, and calls every function once. */
+#define _DEFAULT_SOURCE
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -43,10 +44,14 @@ static int same(char *made, const char *expected) {
 
 static void use_xmemory(void) {
     char *block = xcalloc(0, 8);
-    CHECK(block[7] == 0);
+    CHECK(block != NULL && block[0] == 0 && block[7] == 0);
+    block[7] = 'x';
     block = xrealloc(0, block, 16);
+    CHECK(block != NULL && block[7] == 'x');
     xfree(0, block);
-    xfree(0, xmalloc(0, 8));
+    block = xmalloc(0, 8);
+    CHECK(block != NULL);
+    xfree(0, block);
 }
 
 static void use_xwrap(void) {
@@ -56,8 +61,15 @@ static void use_xwrap(void) {
     CHECK(Strchr(text, ',') == text + 1 && Strrchr(text, 'b') == text + 2);
     CHECK(strcmp(Strtok_r(text, ",", &save), "a") == 0);
     CHECK(System("exit 3") == -1 && Systemf("exit %d", 0) == 0);
-    free(Realloc(Malloc(8), 16));
-    free(Calloc(2, 8));
+    char *block = Malloc(8);
+    CHECK(block != NULL);
+    block[7] = 'x';
+    block = Realloc(block, 16);
+    CHECK(block != NULL && block[7] == 'x');
+    free(block);
+    block = Calloc(2, 8);
+    CHECK(block != NULL && block[0] == 0 && block[15] == 0);
+    free(block);
     CHECK(Sysconf(_SC_PAGESIZE) > 0);
 
     sem_t semaphore;

@@ -1,52 +1,78 @@
 #!/usr/bin/env python3
-"""The names that libkeel.so shows are exactly those of src/exports.txt, and so are the names that the
-public headers declare, each with a comment of its own.
+"""src/exports.txt, the names that both libraries show, those that the public headers declare, each with
+a comment of its own, and those that the host in plain C uses are all the same.
 
-usage: exports.py SOURCE_DIR LIBRARY"""
+usage: exports.py SOURCE_DIR SHARED_LIBRARY STATIC_LIBRARY HOST"""
 import pathlib
 import re
 import subprocess
 import sys
 
-source, library = pathlib.Path(sys.argv[1]), sys.argv[2]
-failed = False
+source, shared, static, host = pathlib.Path(sys.argv[1]), *sys.argv[2:]
+complaints = []
 
 
-def compare(what, names, listed):
-    global failed
-    for name in sorted(names - listed):
-        print(f"{what} has {name}, which src/exports.txt does not list")
-    for name in sorted(listed - names):
-        print(f"{what} lacks {name}, which src/exports.txt lists")
-    failed |= names != listed
+def compare(what, names, expected):
+    complaints.extend(f"{what} {name}, which src/exports.txt does not list" for name in sorted(names - expected))
+    complaints.extend(f"{what} no {name}, which src/exports.txt lists" for name in sorted(expected - names))
 
 
-def shown(path):
-    output = subprocess.run(["nm", "-D", "--defined-only", path], check=True, text=True, capture_output=True).stdout
-    names = {line.split()[2].split("@")[0] for line in output.splitlines()}
-    return names - {"KEEL_1"}  # the version itself
+def output_of(*command, **options):
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+
+
+def dynamic_symbols(path, *options):
+    """Name to type, without versions and without the version's own name."""
+    lines = output_of("nm", "-D", *options, path).splitlines()
+    symbols = {line.split()[-1].split("@")[0]: line.split()[-2] for line in lines}
+    return {name: kind for name, kind in symbols.items() if kind != "A"}
+
+
+def open_symbols_of_archive(path):
+    """Defined, global and not hidden. What the C++ library's templates leave behind is weak."""
+    rows = (line.split() for line in output_of("readelf", "-sW", path).splitlines())
+    return {row[7] for row in rows if row[4:6] == ["GLOBAL", "DEFAULT"] and row[6] != "UND"}
 
 
 # A comment (or none), then a declaration marked KEEL_API up to its first parenthesis or semicolon.
-DECLARATION = re.compile(r"(?P<comment>/\*\*(?:[^*]|\*(?!/))*\*/\s*)?(?:extern\s+)?KEEL_API\b(?P<text>[^(;]*)[(;]")
+MARKED = re.compile(r"(?P<comment>/\*\*(?:[^*]|\*(?!/))*\*/\s*)?(?:extern\s+)?KEEL_API\b(?P<text>[^(;]*)[(;]")
 
 
-def declared(header):
-    global failed
+def marked(header):
     names = set()
-    for match in DECLARATION.finditer(header.read_text()):
+    for match in MARKED.finditer(header.read_text()):
         name = re.findall(r"\w+", match["text"])[-1]
         names.add(name)
         if match["comment"] is None:
-            print(f"{header.name}: {name} has no comment")
-            failed = True
+            complaints.append(f"{header.name}: {name} has no comment")
     return names
 
 
-listed = [line for line in (source / "src/exports.txt").read_text().splitlines() if line and line[0] != "#"]
-if len(set(listed)) != len(listed):
-    sys.exit("src/exports.txt lists a name twice")
-compare("the library", shown(library), set(listed))
-headers = [h for h in sorted((source / "include").glob("*.h")) if h.name != "keel_export.h"]
-compare("a header", set().union(*(declared(header) for header in headers)), set(listed))
-sys.exit(failed)
+def functions_declared_in(directory, headers):
+    """As the compiler reads them, marked or not. It lists them as /* file:line:kind */ declaration"""
+    text = "".join(f'#include "{header.name}"\n' for header in headers)
+    command = ["gcc", "-std=c11", f"-I{directory}", "-fsyntax-only", "-aux-info", "/dev/stdout", "-x", "c", "-"]
+    listing = output_of(*command, input=text)
+    return set(re.findall(rf"^/\* {re.escape(str(directory))}/[^:]*:\d+:\w+ \*/ .*?(\w+) \(", listing, re.M))
+
+
+lines = (source / "src/exports.txt").read_text().splitlines()
+listed = [line for line in lines if line and not line.startswith("#")]
+complaints.extend(f"src/exports.txt lists {name} twice" for name in set(listed) if listed.count(name) > 1)
+listed = set(listed)
+
+shown = dynamic_symbols(shared, "--defined-only")
+compare("libkeel.so shows", shown.keys(), listed)
+compare("libkeel.a shows", open_symbols_of_archive(static), listed)
+
+include = source / "include"
+headers = [header for header in sorted(include.glob("*.h")) if header.name != "keel_export.h"]
+compare("the headers mark", set().union(*map(marked, headers)), listed)
+data = {name for name, kind in shown.items() if kind != "T"}
+compare("the headers declare", functions_declared_in(include, headers) | data, listed)
+
+used = dynamic_symbols(host).keys()
+complaints.extend(f"the host does not use {name}" for name in sorted(listed - used))
+
+print("\n".join(complaints) if complaints else f"{len(listed)} names")
+sys.exit(bool(complaints) or not listed)
