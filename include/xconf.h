@@ -5,8 +5,8 @@
  *
  * Every file that is opened for writing here is opened with O_SYNC, so each write waits for the
  * disk. Failures are reported by the result, with errno as the failing call left it; a null path
- * counts as a path that cannot be opened. Nothing is printed, and only Fpath_dup() can end the
- * process.
+ * counts as a path that cannot be opened. Nothing is printed. Only Fpath_dup() ends the process, and
+ * file_sflush() where a line does not fit into memory.
  *
  * Functions without state: any thread may call them. Nothing guards against another process that
  * changes the same file between the steps of a call.
@@ -95,8 +95,9 @@ KEEL_API int file_append(const char *path, const char *format, ...) KEEL_PRINTF(
 /**
  * Copies the bytes of `source` into `destination`, created if absent (mode 0666 less the umask)
  * and emptied first; owner, mode and times are not copied. 0; -1 where a file cannot be opened,
- * and where reading fails: then `destination` is removed. A write that fails is not noticed:
- * compare the sizes where that matters.
+ * and where reading fails, as it does for a directory: then `destination` is removed. A write that
+ * fails is not noticed: compare the sizes where that matters. A file that is copied onto itself is
+ * emptied.
  */
 KEEL_API int file_copy(const char *source, const char *destination);
 

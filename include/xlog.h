@@ -8,18 +8,22 @@
  *     [2024-03-05 14:07:09.042] [    Error.4] disk full
  *
  * Until log_init() they go to standard output. Then they go to numbered logs, each a file of its
- * own in one directory: log 0 bears the program's name, log_open() adds others. A file is never
- * overwritten: on rotation, on closing, and when a log opens that exists already, it is renamed to
- * an archive such as app_2024.03.05_14.07.09.042.log; archives sort by time.
+ * own in one directory: log 0 bears the program's name, log_open() adds others. On rotation, on
+ * closing, and when a log opens whose file exists already, the file is renamed to an archive such
+ * as app_2024.03.05_14.07.09.042.log; archives sort by time. A file that cannot be renamed is
+ * reported on standard error ("log_rename error:...") and continued. The directory is the service's
+ * own: a symbolic link in a log's place is followed, and a FIFO there is waited for.
  *
  * A level is one bit of a 32-bit value: 0x1 Emergency.1, 0x2 Alert.2, 0x4 Critical.3, 0x8 Error.4,
  * 0x10 Warning.5, 0x20 Notice.6, 0x40 Info.7, 0x80 Debug.8, 0x100 to 0x80000000 Debug-0 to
  * Debug-23.
  *
- * Files are opened with O_SYNC and close-on-exec, and each record is one write: it is whole, or, on
- * a file system that is full, reported by -1. Any thread may write, open and close logs at any
- * time. log_init() and log_destroy() must not overlap with any other call. A thread may be
- * cancelled while it logs: it ends after the record.
+ * Files are opened with O_SYNC and close-on-exec, and each record is put together in memory (a dump
+ * takes some five times its length) and is one write: it is whole, or, on a file system that is
+ * full, reported by -1. Nothing here ends the process but an archive name for which there is no
+ * memory, with status 1. Any thread may write, open and close logs at any time. log_init() and
+ * log_destroy() must not overlap with any other call. A thread may be cancelled (deferred) while it
+ * logs: it ends after the record.
  *
  * @code{.c}
  * #include <stdlib.h>
@@ -76,16 +80,16 @@ typedef struct log_conf {
  * `id` is). A newline is added unless `format` ends in one.
  *
  * Returns the number of characters of the message less four, a newline that was added not
- * counted. -1 where the record was refused (no such log, or its file could not be reopened; not
- * exactly one level bit; a level outside the mask; a format that fails) or could not be
- * written.
+ * counted: a message of three characters gives -1, too. -1 where the record was refused (no such
+ * log, or its file could not be reopened; not exactly one level bit; a level outside the mask; a
+ * format that fails; no memory) or could not be written.
  */
 KEEL_API int log_print(int id, uint32_t level, const char *format, ...) KEEL_PRINTF(3, 4);
 
 /**
  * Writes `length` bytes of `data` to log `id` as one record with a hex dump. Dumps have no
  * level and are never filtered. Returns hexdump()'s result; -1 where the record was refused (no
- * data, no such log, no file) or could not be written.
+ * data, no such log, no file, no memory) or could not be written.
  */
 KEEL_API int log_dump(int id, const void *data, size_t length);
 
@@ -99,8 +103,9 @@ KEEL_API int log_init(char *const argv[], const char *directory, log_conf *conf)
 
 /**
  * Opens the first free log for the file `name`, ".log" added unless it ends so. Returns its
- * number. -1 where logging is not set up, `name` is null or empty, the file is open already, no
- * log is free or the file cannot be opened.
+ * number. -1 where logging is not set up, `name` is null or empty, a log has this very path
+ * already, no log is free or the file cannot be opened; a file that existed may have been archived
+ * then. Where log_init() was told `singleton` 0, ".4711", the process id, goes before the ".log".
  */
 KEEL_API int log_open(const char *name);
 

@@ -12,8 +12,8 @@
 
 #include "ending.h"
 #include "formatted.h"
+#include "line_buffer.h"
 #include "sync_file.h"
-#include "xstdio.h"
 #include "xstring.h"
 
 namespace {
@@ -156,14 +156,14 @@ int file_sflush(const char *path, char *buffer, std::size_t size) {
         return -1;
     std::memset(buffer, 0, size);
     std::size_t room = size - 1;
-    char *line = nullptr;
-    int capacity = 0;
-    int length = 0;
-    while (room > 0 && _fgets(&line, &capacity, file.get(), &length) != nullptr) {
-        const std::size_t taken = std::min(static_cast<std::size_t>(length), room);
+    keel::line_buffer lines;
+    while (room > 0) {
+        const char *line = lines.read(file.get());
+        if (line == nullptr)
+            break;
+        const std::size_t taken = std::min(lines.length(), room);
         std::memcpy(buffer + (size - 1 - room), line, taken);
         room -= taken;
     }
-    std::free(line);
     return static_cast<int>(size - 1 - room);
 }

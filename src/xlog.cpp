@@ -20,7 +20,6 @@
 #include "mutex_lock.h"
 #include "sync_file.h"
 #include "xconf.h"
-#include "xmemory.h"
 #include "xstdio.h"
 #include "xstring.h"
 
@@ -79,7 +78,7 @@ pthread_mutex_t *fmtxs;
 pthread_mutex_t stdout_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 /* Makes one log_open() or log_close() at a time, so that the search for a path and the taking of a
- * slot are one step: one file is never open in two logs. Taken before any log's mutex. */
+ * slot are one step: one path is never open in two logs. Taken before any log's mutex. */
 pthread_mutex_t slots_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 /* ---- Time stamps ---------------------------------------------------------------------------- */
@@ -161,13 +160,12 @@ class record {
         if (printed_ >= 0) {
             length_ = prefix + static_cast<std::size_t>(printed_);
             if (length_ >= sizeof small_) {
-                large_.reset(static_cast<char *>(xmalloc(0, length_ + 1)));
-                std::memcpy(large_.get(), small_, prefix);
                 errno = reason;
-                std::vsnprintf(large_.get() + prefix, length_ + 1 - prefix, format, again);
+                print_large(prefix, format, again);
             }
-            add_newline(format);
         }
+        if (printed_ >= 0)
+            add_newline(format);
         va_end(again);
     }
 
@@ -176,6 +174,20 @@ class record {
     int printed() const { return printed_; } /* characters of the message; -1: it failed */
 
   private:
+    /* Anew, the prefix copied. Without memory for it there is no record. */
+    [[gnu::format(printf, 3, 0)]] void print_large(std::size_t prefix, const char *format,
+                                                   va_list arguments) {
+        large_.reset(static_cast<char *>(std::malloc(length_ + 1)));
+        if (large_ == nullptr) {
+            printed_ = -1;
+            return;
+        }
+        std::memcpy(large_.get(), small_, prefix);
+        const std::size_t room = length_ + 1 - prefix;
+        printed_ = std::vsnprintf(large_.get() + prefix, room, format, arguments);
+        length_ = prefix + std::min(static_cast<std::size_t>(std::max(printed_, 0)), room - 1);
+    }
+
     /* In place of the terminator. What the format ends in decides, not what it printed. */
     void add_newline(const char *format) {
         const std::size_t length = std::strlen(format);
@@ -210,10 +222,11 @@ unique_cstr archive_path(const char *path) {
     return unique_cstr(strdup_insert(path, static_cast<std::size_t>(ending - path), stamp));
 }
 
-void log_rename(const char *path) {
+/* Tells whether the file is out of the way. */
+bool log_rename(const char *path) {
     if (path == nullptr) {
         std::fputs("log_rename error:fpath_old is NULL.", stderr);
-        return;
+        return true;
     }
     for (;;) {
         const unique_cstr archive = archive_path(path);
@@ -223,14 +236,17 @@ void log_rename(const char *path) {
             usleep(static_cast<useconds_t>(settings.rename_gap));
             continue;
         }
-        if (std::rename(path, archive.get()) != 0)
-            std::fprintf(stderr, "log_rename error:%s->%s\n", path, archive.get());
-        return;
+        if (std::rename(path, archive.get()) == 0)
+            return true;
+        std::fprintf(stderr, "log_rename error:%s->%s\n", path, archive.get());
+        return false;
     }
 }
 
-FILE *open_log_file(const char *path) {
-    keel::unique_fd file = keel::open_sync(path, O_WRONLY | O_CREAT | O_TRUNC);
+/* A file that could not be archived is continued rather than emptied. */
+FILE *open_log_file(const char *path, bool archived) {
+    keel::unique_fd file =
+        keel::open_sync(path, O_WRONLY | O_CREAT | (archived ? O_TRUNC : O_APPEND));
     FILE *stream = file ? fdopen(file.get(), "w") : nullptr;
     if (stream != nullptr)
         file.release();
@@ -252,8 +268,8 @@ void count_record_locked(int id) {
     if (++fcounters[id] < settings.wrmax)
         return;
     close_stream(fptrs[id]);
-    log_rename(fpaths[id]);
-    fptrs[id] = open_log_file(fpaths[id]);
+    const bool archived = log_rename(fpaths[id]);
+    fptrs[id] = open_log_file(fpaths[id], archived);
     fcounters[id] = 0;
 }
 
@@ -302,7 +318,8 @@ int dump_record(int id, const void *data, std::size_t length) {
     char *end = put_text(put_prefix(prefix, log_level_descs[0]), "--> ", 4);
     std::fwrite(prefix, 1, static_cast<std::size_t>(end - prefix), stream);
     const int dumped = hexdump(stream, data, length);
-    const bool made = std::fclose(stream) == 0;
+    const bool printed = std::ferror(stream) == 0; // it fails where memory runs out
+    const bool made = std::fclose(stream) == 0 && printed;
     const unique_cstr owned(text);
     return made && write_record(id, text, size) ? dumped : -1;
 }
@@ -387,12 +404,12 @@ bool held_by_a_slot(const char *path) {
 }
 
 /* Opens `path` in the first slot without a file and takes it over. */
-int open_in_free_slot(unique_cstr path) {
+int open_in_free_slot(unique_cstr path, bool archived) {
     for (std::uint64_t slot = 0; slot < settings.nlogs; slot++) {
         const mutex_lock lock(fmtxs[slot]);
         if (fptrs[slot] != nullptr)
             continue;
-        fptrs[slot] = open_log_file(path.get());
+        fptrs[slot] = open_log_file(path.get(), archived);
         if (fptrs[slot] == nullptr)
             continue;
         forget_path(slot); // a rotation that could not open its file again has left one
@@ -449,9 +466,8 @@ int log_open(const char *name) {
     unique_cstr path(file == nullptr ? nullptr : fpath_dup(fdir, file.get()));
     if (path == nullptr || held_by_a_slot(path.get()))
         return -1;
-    if (fexist(path.get(), 0) == 0)
-        log_rename(path.get());
-    return open_in_free_slot(std::move(path));
+    const bool archived = fexist(path.get(), 0) != 0 || log_rename(path.get());
+    return open_in_free_slot(std::move(path), archived);
 }
 
 int log_close(int id) {

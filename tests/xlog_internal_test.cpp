@@ -364,15 +364,16 @@ TEST_F(XlogInternal, WithoutMemoryForAnArchivesNameTheProcessEnds) {
     EXPECT_EQ(run_in_child(body), exited(1));
 }
 
-TEST_F(XlogInternal, WithoutMemoryForALongRecordTheProcessEnds) {
-    const auto body = [&] {
-        home.set_up();
+TEST_F(XlogInternal, WithoutMemoryALongRecordIsRefused) {
+    ASSERT_EQ(home.set_up(), 0);
+    {
         const failing_allocation fault(1);
-        log_print(0, error, "short");
-        log_print(0, error, "%04000d", 0);
-    };
-    EXPECT_EQ(run_in_child(body), exited(255, "No memory!!!\n"));
-    EXPECT_EQ(without_stamps(home.content("app.log")), "[    Error.4] short\n");
+        EXPECT_EQ(log_print(0, error, "short"), 1);
+        EXPECT_EQ(log_print(0, error, "%04000d", 0), -1);
+    }
+    EXPECT_EQ(log_print(0, error, "after"), 1);
+    EXPECT_EQ(without_stamps(home.content("app.log")),
+              "[    Error.4] short\n[    Error.4] after\n");
 }
 
 /* ---- Cancellation in the middle ---------------------------------------------------------------

@@ -857,6 +857,30 @@ TEST_F(Xlog, AFileThatIsGoneCannotBeArchivedAndThatIsSaid) {
     expect_rename_error(destroy, home / "app.log", home / "app");
 }
 
+/* The stamp makes the archive's name longer than a file system takes. */
+TEST_F(Xlog, AFileThatCannotBeArchivedIsContinued) {
+    const std::string name(240, 'n');
+    const std::string file = name + ".log";
+    const auto fill = [&] {
+        log_conf conf = conf_of_short_files(2);
+        if (home.set_up(&conf) != 0 || log_open(name.c_str()) != 1)
+            _exit(42);
+        for (std::uint64_t i = 0; i < conf.wrmax + 3; i++)
+            log_print(1, error, "record");
+        log_close(1);
+        if (log_open(name.c_str()) != 1)
+            _exit(43);
+        log_print(1, error, "last");
+    };
+    const child_result result = run_in_child(fill);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err.find("log_rename error:" + (home / file) + "->"), 0U) << result.err;
+    std::string expected;
+    for (int i = 0; i < fewest_records + 3; i++)
+        expected += "[    Error.4] record\n";
+    EXPECT_EQ(without_stamps(home.content(file)), expected + "[    Error.4] last\n");
+}
+
 /* Only a name that is a tail of ".log" makes such a path. */
 TEST_F(Xlog, APathWithoutADotEndsTheProcess) {
     ASSERT_EQ(home.dir().path().find('.'), std::string::npos);
