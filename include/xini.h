@@ -51,14 +51,14 @@
 
 KEEL_BEGIN_DECLS
 
-/** One entry: `key` is the whole "section::key". Both strings belong to the table. */
+/** One entry: `key` is the whole "section::key". Both strings belong to the table, which frees each
+ * with xfree(). */
 typedef struct ini_entry {
     char *key;
     char *value;
 } ini_entry;
 
-/** A table of entries, sorted by key. Starts zeroed; filled and emptied only by the functions
- * here. */
+/** A table of entries, sorted by key. Starts zeroed. */
 typedef struct ini_table {
     ini_entry *entries;
     uint64_t count;
@@ -100,9 +100,9 @@ KEEL_API const char *ini_section_get(const ini_table *table, const char *section
 KEEL_API int ini_print(const ini_table *table, FILE *stream);
 
 /**
- * Prints the first entry of `section`, whose name counts with 2045 characters at most, in the
- * table's order and returns 1, or prints "Can't find section [...]." and returns 0. -1 where an
- * argument is null.
+ * Prints the first entry whose key begins with "section::", of which the first 2047 characters
+ * count, in the table's order and returns 1, or prints "Can't find section [...]." and returns 0.
+ * -1 where an argument is null.
  */
 KEEL_API int ini_section_print(const ini_table *table, FILE *stream, const char *section);
 

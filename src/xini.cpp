@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 
 #include "cancel_shield.h"
@@ -178,28 +177,23 @@ std::size_t common_prefix(growing_array<sortable> &rows) {
     return common;
 }
 
-/* Equal keys that were read together keep their order: their texts lie in it. */
+/* Equal keys keep their order. */
 void sort_by_key(growing_array<sortable> &rows) {
     const std::size_t skipped = common_prefix(rows);
     for (sortable &row : rows)
         note_characters(row, skipped);
-    std::sort(rows.begin(), rows.end(), [=](const sortable &left, const sortable &right) {
+    std::stable_sort(rows.begin(), rows.end(), [=](const sortable &left, const sortable &right) {
         if (left.high != right.high)
             return left.high < right.high;
         if (left.low != right.low)
             return left.low < right.low;
-        const int order = kv_compar(left.entry.key + skipped, right.entry.key + skipped);
-        return order != 0 ? order < 0 : std::less<>()(left.entry.key, right.entry.key);
+        return kv_compar(left.entry.key + skipped, right.entry.key + skipped) < 0;
     });
 }
 
-/* An entry of the table's own: one block, the key at its beginning. Made in the table's order, so
- * that keys that a search compares last lie side by side. */
-ini_entry own_copy(const ini_entry &read) {
-    const auto size = static_cast<std::size_t>(read.value - read.key) + std::strlen(read.value) + 1;
-    char *block = string_or_exit(std::malloc(size));
-    std::memcpy(block, read.key, size);
-    return {block, block + (read.value - read.key)};
+/* A string of the table's own. */
+char *own(const char *read) {
+    return string_or_exit(strdup(read));
 }
 
 void add_sorted(ini_table &table, reader &read) {
@@ -220,11 +214,17 @@ void add_sorted(ini_table &table, reader &read) {
 
     table.entries =
         static_cast<ini_entry *>(xrealloc(0, table.entries, count * sizeof *table.entries));
-    for (table.count = 0; table.count < count; table.count++) {
-        const ini_entry &entry = rows.begin()[table.count].entry;
-        const bool fresh = entry.key >= read.texts().begin() && entry.key < read.texts().end();
-        table.entries[table.count] = fresh ? own_copy(entry) : entry;
-    }
+    const auto fresh = [&](const char *text) {
+        return text >= read.texts().begin() && text < read.texts().end();
+    };
+    /* The keys first, in order: those that a search compares last lie side by side. */
+    ini_entry *entry = table.entries;
+    for (const auto &[high, low, read_entry] : rows)
+        *entry++ = {fresh(read_entry.key) ? own(read_entry.key) : read_entry.key, read_entry.value};
+    table.count = count;
+    for (std::uint64_t i = 0; i < count; i++)
+        if (fresh(table.entries[i].value))
+            table.entries[i].value = own(table.entries[i].value);
 }
 
 /* ---- Lookup --------------------------------------------------------------------------------- */
@@ -269,8 +269,10 @@ int ini_fload(ini_table *table, FILE *stream, const char *separators) {
 int ini_unload(ini_table *table) {
     if (table == nullptr)
         return -1;
-    for (std::uint64_t i = 0; i < table->count; i++)
-        xfree(0, table->entries[i].key); // and the value, in the same block
+    for (std::uint64_t i = 0; i < table->count; i++) {
+        xfree(0, table->entries[i].key);
+        xfree(0, table->entries[i].value);
+    }
     xfree(0, table->entries);
     *table = ini_table{nullptr, 0};
     return 0;

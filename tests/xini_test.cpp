@@ -22,6 +22,7 @@
 #include "plain_ini.h"
 #include "plain_lines.h"
 #include "temp_dir.h"
+#include "xmemory.h"
 
 namespace {
 
@@ -434,6 +435,19 @@ TEST(IniLoad, KeepsEveryDefinitionOfAKey) {
     EXPECT_STREQ(ini_get(&table, "b"), "2");
 }
 
+TEST(IniLoad, AnotherOneDoesNotChangeTheOrderOfEqualKeys) {
+    owned_table table("k=1\nk=2\nk=3\nk=4\nk=5\n");
+    const ini_pairs first = pairs_of(table);
+    const string found = ini_get(&table, "k");
+    for (int round = 0; round < 3; round++) {
+        table.add("other" + std::to_string(round) + "=0\n");
+        ini_pairs all = pairs_of(table);
+        all.resize(first.size());
+        EXPECT_EQ(all, first);
+        EXPECT_EQ(ini_get(&table, "k"), found);
+    }
+}
+
 /* One key of each byte that a key can begin with, the longest first. */
 TEST(IniLoad, SortsBytesWithoutASign) {
     string text;
@@ -513,6 +527,14 @@ TEST(IniUnload, LeavesAnEmptyTable) {
         EXPECT_EQ(ini_get(&table, "a"), nullptr);
         EXPECT_EQ(ini_unload(&table), 0);
     }
+}
+
+TEST(IniUnload, FreesWhatAHostPutInAsWell) {
+    owned_table table("k=1\n");
+    xfree(0, table.entries[0].value);
+    table.entries[0].value = static_cast<char *>(xmalloc(0, 100));
+    std::strcpy(table.entries[0].value, "its own");
+    EXPECT_STREQ(ini_get(&table, "k"), "its own");
 }
 
 /* ---- Looking up ----------------------------------------------------------------------------- */
