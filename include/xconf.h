@@ -5,8 +5,8 @@
  *
  * Every file that is opened for writing here is opened with O_SYNC, so each write waits for the
  * disk. Failures are reported by the result, with errno as the failing call left it; a null path
- * counts as a path that cannot be opened. Nothing is printed. Only Fpath_dup() ends the process, and
- * file_sflush() where a line does not fit into memory.
+ * counts as a path that cannot be opened. Nothing is printed. Only Fpath_dup() ends the process,
+ * and file_sflush() where a line does not fit into memory.
  *
  * Functions without state: any thread may call them. Nothing guards against another process that
  * changes the same file between the steps of a call.

@@ -82,8 +82,9 @@ typedef struct sys_stat {
 extern KEEL_API sys_stat ss;
 
 /**
- * Refreshes `ss`. Returns 0. Ends the process with status 1, without a word, where a kernel
- * file cannot be read or understood, or where there are more than 128 processor lines.
+ * Refreshes `ss`. Returns 0. Ends the process with status 1, without a word, where a kernel file
+ * cannot be opened, the uptime or a processor line cannot be understood, or there are more than 128
+ * processor lines; figures that a file does not hold keep their former values.
  */
 KEEL_API int get_system_stat(void);
 

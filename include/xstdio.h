@@ -46,8 +46,8 @@ KEEL_BEGIN_DECLS
  * the printable characters, between two rules and below a banner. At most 4,294,967,295 bytes
  * are dumped; the banner shows the number dumped and the number given.
  *
- * Returns the number of bytes dumped; -1 where `stream` or `data` is null, `length` is 0 or the
- * stream refused the text.
+ * Returns the number of bytes dumped, as an int; -1 where `stream` or `data` is null, `length` is 0
+ * or the stream refused the text. Dumps are of less than 2 GB.
  */
 KEEL_API int hexdump(FILE *stream, const void *data, size_t length);
 
@@ -66,7 +66,9 @@ KEEL_API long fappended(FILE *stream);
  *
  * Returns `buffer` with the next line from the end, with its newline as fgets() gives it. A
  * line longer than `size` - 1 characters comes in pieces, in reading order. Null when all lines
- * were returned, and where `buffer`, `stream` or `cursor` is null or `size` is below 2.
+ * were returned, where the file cannot be read, and where `buffer`, `stream` or `cursor` is null or
+ * `size` is below 2. A line that holds NUL bytes is taken for a piece, and what follows it comes
+ * again: lines of text are meant.
  *
  * `*cursor` is the offset at which the scan continues, or a mark: -1 (the line above is an
  * empty first line), -2 (the line being returned begins the file), -3 (finished), -4 (an empty
@@ -83,8 +85,9 @@ KEEL_API char *frgets(char *buffer, int size, FILE *stream, int64_t *cursor);
  *
  * Returns `*buffer`, with the line, its terminator and zeros up to the capacity, and stores the
  * line's length in `*length` unless that is null. Null at the end of the file and on a read
- * error. More than 4 KB behind a line, zeros that an earlier call left are not written again: a
- * caller that writes there itself may find its own text once more.
+ * error. More than 4 KB behind a line, zeros that an earlier call left in this buffer are not
+ * written again, so that reading stays linear: what somebody else has written there since may still
+ * stand.
  *
  * Ends the process with status 1: with "_fgets: Invalid argument" where `buffer`, `capacity` or
  * `stream` is null; without a word where memory runs out, the line passes 2 GB or the capacity

@@ -133,8 +133,9 @@ struct sys_mem {
 };
 
 int sys_mem_compar(const void *left, const void *right) {
-    return std::strcmp(static_cast<const sys_mem *>(left)->name,
-                       static_cast<const sys_mem *>(right)->name);
+    const char *l = static_cast<const sys_mem *>(left)->name;
+    const char *r = static_cast<const sys_mem *>(right)->name;
+    return *l != *r ? *l - *r : std::strcmp(l, r); // most differ at once, and want no call
 }
 
 double percentage(std::uint64_t part, std::uint64_t whole) {

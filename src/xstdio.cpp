@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
+#include <optional>
 #include <string_view>
 #include <sys/types.h>
 #include <utility>
@@ -116,19 +117,26 @@ class buffer_window {
     FILE *stream_;
 };
 
-/* The offset of the last newline before `end`, or -1. Looks at pieces that double in size, so that
- * a short line costs little and a long one is still read in large blocks. */
-std::int64_t newline_before(FILE *stream, std::int64_t end) {
+/* The offset of the last newline before `end`, or -1; nothing where the file cannot be read. Looks
+ * at pieces that double in size, so that a short line costs little and a long one is still read in
+ * large blocks. */
+std::optional<std::int64_t> newline_before(FILE *stream, std::int64_t end) {
     char block[16 * 1024];
-    for (std::int64_t size = 512; end > 0; size = std::min<std::int64_t>(2 * size, sizeof block)) {
+    for (std::int64_t size = 512; end > 0;) {
         const std::int64_t begin = std::max<std::int64_t>(end - size, 0);
         const auto length = static_cast<std::size_t>(end - begin);
-        if (fseeko(stream, begin, SEEK_SET) != 0 || std::fread(block, 1, length, stream) != length)
-            return -1;
+        if (fseeko(stream, begin, SEEK_SET) != 0 ||
+            std::fread(block, 1, length, stream) != length) {
+            if (size == 1)
+                return std::nullopt;
+            size /= 2; // what can be read may begin behind this
+            continue;
+        }
         const void *newline = memrchr(block, '\n', length);
         if (newline != nullptr)
             return begin + (static_cast<const char *>(newline) - block);
         end = begin;
+        size = std::min<std::int64_t>(2 * size, sizeof block);
     }
     return -1;
 }
@@ -146,7 +154,7 @@ bool step_back_from_end(FILE *stream, std::int64_t &cursor, std::int64_t positio
 
 /* Moves the stream back to the beginning of the line that it stands in, and the cursor to the last
  * character of the line above. At the end of the file it only steps onto the last character; false
- * where there is none. */
+ * where there is none, and where the file cannot be read. */
 bool step_back(FILE *stream, std::int64_t &cursor) {
     const std::int64_t position = ftello(stream);
     const int character = std::fgetc(stream);
@@ -156,10 +164,12 @@ bool step_back(FILE *stream, std::int64_t &cursor) {
         cursor = position > 0 ? position - 1 : empty_first_line_above;
         return true;
     }
-    const std::int64_t newline = newline_before(stream, position);
-    fseeko(stream, newline + 1, SEEK_SET);
-    if (newline >= 0)
-        cursor = newline > 0 ? newline - 1 : empty_first_line_above;
+    const std::optional<std::int64_t> newline = newline_before(stream, position);
+    if (!newline)
+        return false;
+    fseeko(stream, *newline + 1, SEEK_SET);
+    if (*newline >= 0)
+        cursor = *newline > 0 ? *newline - 1 : empty_first_line_above;
     else
         cursor = at_first_line;
     return true;
@@ -244,11 +254,11 @@ void seek_to_cursor(FILE *stream, std::int64_t &cursor) {
 
 constexpr int capacity_step = 80;
 
-/* The buffer that this thread filled last, which it left zero behind the line. Zeroing it all again
- * for each short line after one long line would make reading quadratic. */
+/* The long buffer that this thread filled last, which it left zero behind the line. Zeroing it all
+ * again for each short line after one long line would make reading quadratic. */
 struct filled_buffer {
     const char *begin;
-    int capacity;
+    std::size_t capacity;
     std::size_t used;
 };
 thread_local filled_buffer last_filled;
@@ -257,8 +267,9 @@ thread_local filled_buffer last_filled;
  * to its buffer meanwhile. */
 constexpr std::size_t always_zeroed = 4096;
 
-/* Whether the buffer is zero from `begin` on, by as many bytes as may be looked at for each line:
- * what another thread read, or another block in the place of a freed one, is seen. */
+/* Whether the buffer seems to be zero from `begin` on, by as many bytes as may be looked at for
+ * each line: what another thread has read into it, or another block in the place of a freed one,
+ * shows in most cases. */
 bool seems_zero(const char *buffer, std::size_t begin, std::size_t capacity) {
     constexpr std::size_t samples = 64;
     const auto is_zero = [](char c) { return c == '\0'; };
@@ -270,16 +281,18 @@ bool seems_zero(const char *buffer, std::size_t begin, std::size_t capacity) {
     return true;
 }
 
-void zero_behind(char *buffer, int size, std::size_t used, bool known) {
-    const auto capacity = static_cast<std::size_t>(size);
-    std::size_t end = capacity;
-    if (known) {
-        const std::size_t kept = std::max(last_filled.used, used + always_zeroed);
-        if (kept < capacity && seems_zero(buffer, kept, capacity))
-            end = kept;
-    }
+/* Where the bytes begin that an earlier line in the same long buffer left zero. */
+std::size_t end_of_used(const char *buffer, std::size_t capacity, std::size_t used, bool grown) {
+    const filled_buffer last = std::exchange(last_filled, {buffer, capacity, used});
+    const std::size_t kept = std::max(last.used, used + always_zeroed);
+    const bool known = !grown && last.begin == buffer && last.capacity == capacity;
+    return known && kept < capacity && seems_zero(buffer, kept, capacity) ? kept : capacity;
+}
+
+void zero_behind(char *buffer, std::size_t capacity, std::size_t used, bool grown) {
+    const std::size_t end =
+        capacity > always_zeroed ? end_of_used(buffer, capacity, used, grown) : capacity;
     std::memset(buffer + used, 0, end - used);
-    last_filled = {buffer, size, used};
 }
 
 /* The capacity that steps of 80 reach for a line of `length` characters: room for its terminator,
@@ -420,13 +433,12 @@ char *_fgets(char **buffer, int *capacity, FILE *stream, int *length) {
         std::perror("_fgets");
         keel::end_process(1);
     }
-    const bool known = *buffer == last_filled.begin && *capacity == last_filled.capacity;
     const int present = grow_to_first_step(*buffer, *capacity);
     auto allocated = static_cast<std::size_t>(present);
     const ssize_t taken = getline(buffer, &allocated, stream);
     if (taken == -1 && std::feof(stream) == 0 && std::ferror(stream) == 0)
         keel::end_process(1); // no memory
-    if (taken == -1 || std::ferror(stream) != 0) {
+    if (taken == -1 || ferror_unlocked(stream) != 0) {
         std::free(std::exchange(*buffer, nullptr));
         *capacity = 0;
         if (length != nullptr)
@@ -438,7 +450,7 @@ char *_fgets(char **buffer, int *capacity, FILE *stream, int *length) {
     if (static_cast<std::size_t>(needed) > allocated)
         grow(*buffer, needed);
     used = drop_carriage_return(*buffer, used);
-    zero_behind(*buffer, needed, used, known && needed == *capacity);
+    zero_behind(*buffer, static_cast<std::size_t>(needed), used, needed != present);
     *capacity = needed;
     if (length != nullptr)
         *length = static_cast<int>(used);

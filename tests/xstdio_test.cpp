@@ -780,6 +780,48 @@ TEST(Frgets, GivesLongLinesInPieces) {
     EXPECT_EQ(lines_backwards("abc\ndef\n", 5), (lines{"def\n", "abc\n"}));
 }
 
+/* A file of three lines of 20,000 characters whose beginning cannot be read. */
+struct damaged_file {
+    static constexpr off64_t line = 20'000;
+    static constexpr off64_t size = 3 * line;
+    off64_t offset = 0;
+
+    static ssize_t read(void *self_, char *block, std::size_t length) {
+        off64_t &offset = static_cast<damaged_file *>(self_)->offset;
+        if (offset < line / 2) {
+            errno = EIO;
+            return -1;
+        }
+        const off64_t end = std::min(size, offset + static_cast<off64_t>(length));
+        const ssize_t taken = end - offset;
+        for (; offset < end; offset++)
+            *block++ = offset % line == line - 1 ? '\n' : 'x';
+        return taken;
+    }
+    static int seek(void *self_, off64_t *place, int whence) {
+        off64_t &offset = static_cast<damaged_file *>(self_)->offset;
+        offset = *place + (whence == SEEK_CUR ? offset : whence == SEEK_END ? size : 0);
+        *place = offset;
+        return 0;
+    }
+};
+
+TEST(Frgets, EndsWhereTheFileCannotBeRead) {
+    damaged_file damaged;
+    const unique_file file(
+        fopencookie(&damaged, "r", {damaged_file::read, nullptr, damaged_file::seek, nullptr}));
+    std::int64_t cursor = seek_to_end(file.get());
+    std::vector<char> buffer(2 * damaged_file::line);
+    for (int i = 0; i < 2; i++) {
+        const char *line =
+            frgets(buffer.data(), static_cast<int>(buffer.size()), file.get(), &cursor);
+        ASSERT_NE(line, nullptr) << i;
+        EXPECT_EQ(std::strlen(line), damaged_file::line);
+    }
+    EXPECT_EQ(frgets(buffer.data(), static_cast<int>(buffer.size()), file.get(), &cursor), nullptr);
+    EXPECT_NE(std::ferror(file.get()), 0);
+}
+
 TEST(Frgets, RefusesMissingArguments) {
     const unique_file file = stream_of("line\n");
     std::int64_t cursor = seek_to_end(file.get());
