@@ -104,8 +104,8 @@ bench::table splitting(const char *title, const std::string &text, const char *d
             .item = "field",
             .items = static_cast<double>(count),
             .floor =
-                "each byte is looked up once; a field shorter than a vector gains nothing from "
-                "one",
+                "the processor cannot foresee in which block a long field ends; strsep searches "
+                "with vectors of 32 characters, the x86-64 baseline has 16",
             .contenders = {{"keel str_split", on_copy_of(text, keel_split(delimiters, expected))},
                            {"strsep", on_copy_of(text, libc_strsep(delimiters, expected)), 0.5},
                            {"memcpy of the text", on_copy_of(text, copied())}}};

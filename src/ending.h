@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #pragma once
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "cancel_shield.h"
@@ -13,6 +14,13 @@ namespace keel {
 [[noreturn]] inline void end_process(int status) {
     const cancel_shield shield;
     std::exit(status);
+}
+
+/* Ends the process as a failed system call does: with the system's text behind `prefix`. */
+[[noreturn]] inline void end_explained(const char *prefix) {
+    const cancel_shield shield;
+    std::perror(prefix);
+    end_process(1);
 }
 
 } // namespace keel

@@ -287,11 +287,22 @@ const char *ini_section_get(const ini_table *table, const char *section, const c
         key == nullptr || *key == '\0')
         return nullptr;
     const full_key wanted(section, key);
-    const ini_entry *begin = table->entries;
-    const ini_entry *end = begin + table->count;
-    const ini_entry *found = std::partition_point(begin, end, [&](const ini_entry &entry) {
+    const auto is_below = [&](const ini_entry &entry) {
         return kv_compar(entry.key, wanted.text()) < 0;
-    });
+    };
+    const ini_entry *found = table->entries;
+    for (std::size_t count = table->count; count > 1; count -= count / 2) {
+        /* Either part that is searched next is as long as the other. The key in the middle of each
+         * is fetched while this one is compared: most keys lie outside the cache. */
+        const std::size_t half = count / 2;
+        const std::size_t next = (count - half) / 2;
+        __builtin_prefetch(found[next].key);
+        __builtin_prefetch(found[half + next].key);
+        if (is_below(found[half]))
+            found += half;
+    }
+    found += is_below(*found);
+    const ini_entry *end = table->entries + table->count;
     return found != end && kv_compar(found->key, wanted.text()) == 0 ? found->value : nullptr;
 }
 

@@ -2,10 +2,13 @@
 #include "xstring.h"
 
 #include <algorithm>
+#include <bit>
 #include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <emmintrin.h>
 
 #include "char_class.h"
 #include "ending.h"
@@ -74,6 +77,77 @@ int compare_from_end(const char *left, std::size_t left_length, const char *righ
             return l > r ? 1 : -1;
     }
     return 0;
+}
+
+/* Finds the delimiters of a set in blocks of 64 characters: a bit for each, the first one lowest. A
+ * few delimiters are compared with 16 characters at once, more are looked up. */
+class delimiter_finder {
+  public:
+    static constexpr std::size_t block_size = 64;
+
+    explicit delimiter_finder(const char *delimiters)
+        : count_(std::strlen(delimiters)), few_(count_ > 0 && count_ <= most_compared) {
+        if (!few_)
+            std::memset(is_wanted_, 0, sizeof is_wanted_);
+        for (std::size_t i = 0; i < count_; i++)
+            if (few_)
+                wanted_[i] = _mm_set1_epi8(delimiters[i]);
+            else
+                is_wanted_[static_cast<unsigned char>(delimiters[i])] = true;
+    }
+
+    /* Reads `size` characters at most; a block that is shorter goes on with delimiters. */
+    std::uint64_t find(const char *block, std::size_t size) const {
+        if (size >= block_size)
+            return find(block);
+        char copy[block_size] = {};
+        std::memcpy(copy, block, size);
+        return find(copy) | ~std::uint64_t{0} << size;
+    }
+
+  private:
+    std::uint64_t find(const char *block) const { return few_ ? compare(block) : look_up(block); }
+
+    /* Unrolled, so that the pieces stay in registers. */
+    std::uint64_t compare(const char *block) const {
+        __m128i text[pieces];
+        __m128i equal[pieces];
+#pragma GCC unroll 4
+        for (std::size_t p = 0; p < pieces; p++) {
+            text[p] = _mm_loadu_si128(reinterpret_cast<const __m128i *>(block) + p);
+            equal[p] = _mm_cmpeq_epi8(text[p], wanted_[0]);
+        }
+        for (std::size_t i = 1; i < count_; i++)
+#pragma GCC unroll 4
+            for (std::size_t p = 0; p < pieces; p++)
+                equal[p] = _mm_or_si128(equal[p], _mm_cmpeq_epi8(text[p], wanted_[i]));
+        std::uint64_t found = 0;
+#pragma GCC unroll 4
+        for (std::size_t p = 0; p < pieces; p++)
+            found |= static_cast<std::uint64_t>(_mm_movemask_epi8(equal[p])) << 16 * p;
+        return found;
+    }
+
+    std::uint64_t look_up(const char *block) const {
+        std::uint64_t found = 0;
+        for (std::size_t i = 0; i < block_size; i++)
+            found |= std::uint64_t{is_wanted_[static_cast<unsigned char>(block[i])]} << i;
+        return found;
+    }
+
+    static constexpr std::size_t pieces = block_size / sizeof(__m128i);
+    static constexpr std::size_t most_compared = 8;
+
+    std::size_t count_;
+    bool few_;
+    __m128i wanted_[most_compared];
+    bool is_wanted_[256];
+};
+
+template <class Action>
+void for_each_bit(std::uint64_t bits, Action action) {
+    for (; bits != 0; bits &= bits - 1)
+        action(std::countr_zero(bits));
 }
 
 /* For comparisons, whose results leave no room for a failure. */
@@ -248,25 +322,28 @@ int str_split(char *text, const char *delimiters, char **fields, std::size_t cap
         return -1;
     if (fields == nullptr)
         capacity = 0;
-    bool ends_field[256] = {};
-    for (const char *d = delimiters; *d != '\0'; d++)
-        ends_field[static_cast<unsigned char>(*d)] = true;
-    const auto delimiter = [&](char c) { return ends_field[static_cast<unsigned char>(c)]; };
-
+    const delimiter_finder finder(delimiters);
+    const std::size_t length = std::strlen(text);
     std::size_t count = 0;
-    for (char *next = text;;) {
-        while (delimiter(*next))
-            next++;
-        if (*next == '\0')
-            return static_cast<int>(count);
-        if (count < capacity)
-            fields[count] = next;
-        count++;
-        while (*next != '\0' && !delimiter(*next))
-            next++;
-        if (*next != '\0')
-            *next++ = '\0';
+    std::uint64_t before = 1; // whether a delimiter stands before the block, or nothing
+    for (std::size_t at = 0; at < length; at += finder.block_size) {
+        char *block = text + at;
+        const std::uint64_t found = finder.find(block, length - at);
+        if ((found | before) == 0) // all inside a field
+            continue;
+        const std::uint64_t follows = found << 1 | before;
+        for_each_bit(follows & ~found, [&](int begin) {
+            if (count < capacity)
+                fields[count] = block + begin;
+            count++;
+        });
+        for_each_bit(found & ~follows, [&](int end) {
+            if (block[end] != '\0') // a text without delimiters may be read-only
+                block[end] = '\0';
+        });
+        before = found >> 63;
     }
+    return static_cast<int>(count);
 }
 
 int strrcmp(const char *left, const char *right) {

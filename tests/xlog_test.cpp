@@ -279,6 +279,39 @@ TEST_F(Xlog, TheFormatDecidesOverTheNewlineAndTheResultIsFourLess) {
     }
 }
 
+/* With the same value for each directive. */
+template <class Value>
+void expect_as_printf(log_home &home, const std::vector<const char *> &formats,
+                      const std::vector<Value> &values) {
+    int (*volatile format_text)(char *, std::size_t, const char *, ...) = std::snprintf;
+    ASSERT_EQ(home.set_up(), 0);
+    std::string expected;
+    for (const char *format : formats) {
+        for (const Value value : values) {
+            char message[200];
+            const int length = format_text(message, sizeof message, format, value, value);
+            EXPECT_EQ(print(0, error, format, value, value), length - 4) << format;
+            expected += "[    Error.4] " + std::string(message) + "\n";
+        }
+    }
+    EXPECT_EQ(without_stamps(home.content("app.log")), expected);
+    log_destroy();
+}
+
+TEST_F(Xlog, MessagesAreThoseOfPrintf) {
+    expect_as_printf<int>(home,
+                          {"%d", "%i", "%u", "%x", "%X", "%o", "%d%d", "%d of %u", "%%%d%%", "%5d",
+                           "%-5d|", "%05d", "%+d", "% d", "%.3d", "%#x", "%hd", "%hhu",
+                           "%2$d %1$d"},
+                          {0, 1, -1, 10, 255, 4711, INT_MAX, INT_MIN});
+    expect_as_printf<long>(home,
+                           {"%ld", "%li", "%lu", "%lx", "%zd", "%zu", "%zx", "%lld", "%llu", "%jd",
+                            "%td", "%ld %lu", "%20ld", "%zu bytes at %lx"},
+                           {0, 1, -1, 4711, INT_MAX, UINT_MAX, LONG_MAX, LONG_MIN});
+    expect_as_printf<const char *>(home, {"%s", "%s and %s", "%5s", "%-5s|", "%.2s", "<%s>%%"},
+                                   {"", "x", "text", "100%", "%d", "\xff\xc3", nullptr});
+}
+
 TEST_F(Xlog, MessagesOfAnyLengthArriveWhole) {
     ASSERT_EQ(home.set_up(), 0);
     std::string expected;

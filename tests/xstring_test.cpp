@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "xstring.h"
 
+#include <algorithm>
 #include <clocale>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +11,8 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
 #include "child.h"
@@ -543,25 +546,90 @@ TEST(Split, RefusesNull) {
     EXPECT_EQ(str_split(text, ",", nullptr, 2), 2);
 }
 
+/* Splits the text at `ours`, a copy of `text`, and expects what strtok_r() makes of it. */
+void expect_plain_split(char *ours, const std::string &text, const std::string &delimiters) {
+    std::string plain = text;
+    std::vector<char *> fields(4, nullptr);
+    const int count = str_split(ours, delimiters.c_str(), fields.data(), fields.size());
+    const auto expected = keel_test::plain_split(plain.data(), delimiters.c_str());
+    ASSERT_EQ(count, static_cast<int>(expected.size())) << text;
+    ASSERT_EQ(std::string(ours, text.size()), plain) << "the same bytes are terminators now";
+    for (std::size_t f = 0; f < fields.size(); f++) {
+        if (f < expected.size())
+            ASSERT_EQ(fields[f] - ours, expected[f] - plain.data()) << text;
+        else
+            ASSERT_EQ(fields[f], nullptr);
+    }
+}
+
 TEST(Split, RandomTexts) {
     std::mt19937 random(3);
     for (int i = 0; i < random_rounds; i++) {
         const std::string text = random_text(random, "abc,,; \xe9\xff", 30);
-        const std::string delimiters = random_text(random, ",; \xe9\xff", 3);
-        std::string ours = text;
-        std::string plain = text;
-        std::vector<char *> fields(4, nullptr);
-        const int count = str_split(ours.data(), delimiters.c_str(), fields.data(), fields.size());
-        const auto expected = keel_test::plain_split(plain.data(), delimiters.c_str());
-        ASSERT_EQ(count, static_cast<int>(expected.size())) << text;
-        ASSERT_EQ(ours, plain) << "the same bytes are terminators now";
-        for (std::size_t f = 0; f < fields.size(); f++) {
-            if (f < expected.size())
-                ASSERT_EQ(fields[f] - ours.data(), expected[f] - plain.data()) << text;
-            else
-                ASSERT_EQ(fields[f], nullptr);
-        }
+        writable ours(text);
+        expect_plain_split(ours.get(), text, random_text(random, ",; \xe9\xff", 3));
     }
+}
+
+/* Sets below, at and above the size from which characters are looked up one by one. */
+const std::string delimiter_sets[] = {
+    "", ",", ",;", ",;:|/+-", ",;:|/+-=", ",;:|/+-=!", ",,,,,,,,,,", ",;:|/+-=!?*#%&()<>\xff",
+};
+
+/* Texts longer than two blocks of those that are searched at once. */
+TEST(Split, DelimitersAtEveryPlace) {
+    for (const std::string &delimiters : delimiter_sets)
+        for (const std::size_t length : {1U, 15U, 16U, 17U, 63U, 64U, 65U, 127U, 128U, 129U, 140U})
+            for (std::size_t place = 0; place < length; place++)
+                for (std::size_t run = 1; run <= 3; run++) {
+                    std::string text(length, 'x');
+                    for (std::size_t i = place; i < std::min(place + run, length); i++)
+                        text[i] = delimiters.empty() ? ',' : delimiters.back();
+                    writable ours(text);
+                    expect_plain_split(ours.get(), text, delimiters);
+                }
+}
+
+/* A page with no memory before and behind it. */
+class lone_page {
+  public:
+    lone_page() {
+        EXPECT_NE(begin_, MAP_FAILED);
+        EXPECT_EQ(mprotect(begin(), size_, PROT_READ | PROT_WRITE), 0);
+    }
+    ~lone_page() { munmap(begin_, 3 * size_); }
+    lone_page(const lone_page &) = delete;
+    lone_page &operator=(const lone_page &) = delete;
+
+    char *begin() { return static_cast<char *>(begin_) + size_; }
+    char *end() { return begin() + size_; }
+
+  private:
+    std::size_t size_ = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    void *begin_ = mmap(nullptr, 3 * size_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+};
+
+TEST(Split, StaysInsideTheText) {
+    std::mt19937 random(4);
+    lone_page page;
+    for (const std::string &delimiters : delimiter_sets)
+        for (std::size_t length = 0; length <= 200; length++) {
+            std::string text(length, 'x');
+            for (char &c : text)
+                if (!delimiters.empty() && random() % 16 == 0)
+                    c = delimiters[random() % delimiters.size()];
+            for (char *ours : {page.begin(), page.end() - text.size() - 1}) {
+                std::memcpy(ours, text.c_str(), text.size() + 1);
+                expect_plain_split(ours, text, delimiters);
+            }
+        }
+}
+
+TEST(Split, WritesNothingWhereThereAreNoDelimiters) {
+    static const char text[] = "as read-only as any literal";
+    char *field = nullptr;
+    EXPECT_EQ(str_split(const_cast<char *>(text), ",", &field, 1), 1);
+    EXPECT_EQ(field, text);
 }
 
 TEST(Split, CountsAMillionFields) {
