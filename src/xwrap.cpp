@@ -11,22 +11,17 @@
 #include <limits>
 #include <unistd.h>
 
-#include "cancel_shield.h"
 #include "ending.h"
 #include "formatted.h"
 
 namespace {
 
-[[noreturn]] void die(const char *routine) {
-    const keel::cancel_shield shield;
-    std::perror(routine);
-    keel::end_process(1);
-}
+using keel::end_explained;
 
 template <class T>
 T *pointer_or_die(T *result, const char *routine) {
     if (result == nullptr)
-        die(routine);
+        end_explained(routine);
     return result;
 }
 
@@ -35,12 +30,12 @@ void argument_or_die(const void *argument, const char *routine) {
     if (argument != nullptr)
         return;
     errno = EINVAL;
-    die(routine);
+    end_explained(routine);
 }
 
 int success_or_die(int result, const char *routine) {
     if (result == -1)
-        die(routine);
+        end_explained(routine);
     return 0;
 }
 
@@ -49,7 +44,7 @@ int no_error_or_die(int error, const char *routine) {
     if (error == 0)
         return 0;
     errno = error;
-    die(routine);
+    end_explained(routine);
 }
 
 } // namespace
@@ -125,7 +120,7 @@ int Sem_wait(sem_t *semaphore) {
     argument_or_die(semaphore, "sem_wait");
     while (sem_wait(semaphore) == -1) {
         if (errno != EINTR)
-            die("sem_wait");
+            end_explained("sem_wait");
     }
     return 0;
 }
@@ -135,7 +130,7 @@ int Sem_trywait(sem_t *semaphore) {
     if (sem_trywait(semaphore) == 0)
         return 0;
     if (errno != EAGAIN)
-        die("sem_trywait");
+        end_explained("sem_trywait");
     return -1;
 }
 
@@ -149,7 +144,7 @@ int Sem_timedwait(sem_t *semaphore, std::int64_t seconds) {
         if (errno == ETIMEDOUT)
             return -1;
         if (errno != EINTR)
-            die("sem_timedwait");
+            end_explained("sem_timedwait");
     }
     return 0;
 }
@@ -158,7 +153,7 @@ long Sysconf(int name) {
     errno = 0;
     const long value = sysconf(name);
     if (value == -1) // a limit that is merely not set counts too: nobody asks for such a one
-        die("sysconf");
+        end_explained("sysconf");
     return value;
 }
 
@@ -189,6 +184,6 @@ int Pthread_mutex_trylock(pthread_mutex_t *mutex) {
         return 0;
     errno = error;
     if (error != EBUSY)
-        die("pthread_mutex_trylock");
+        end_explained("pthread_mutex_trylock");
     return -1;
 }

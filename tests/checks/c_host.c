@@ -14,14 +14,21 @@
 #include <unistd.h>
 
 #include <xconf.h>
+#include <xfifo.h>
 #include <xfsproc.h>
+#include <xid.h>
 #include <xini.h>
 #include <xinotify.h>
 #include <xlog.h>
 #include <xmemory.h>
+#include <xpool.h>
+#include <xqueue.h>
+#include <xqueue2.h>
 #include <xstdio.h>
 #include <xstring.h>
+#include <xthread.h>
 #include <xthread_util.h>
+#include <xtime.h>
 #include <xutil.h>
 #include <xwrap.h>
 
@@ -88,9 +95,9 @@ static void use_xutil(const char *directory) {
     int endpoint = Socket(AF_UNIX, SOCK_DGRAM, 0);
     CHECK(Ioctl(endpoint, FIONREAD, &available) != -1 && available == 0);
     CHECK(Close(endpoint) == 0);
-    char *fifo = fpath_dup(directory, "fifo");
-    CHECK(Mkfifo(fifo, 0600) == 0 && fexist(fifo, 4) == 0 && Unlink(fifo) == 0);
-    free(fifo);
+    char *pipe_path = fpath_dup(directory, "fifo");
+    CHECK(Mkfifo(pipe_path, 0600) == 0 && fexist(pipe_path, 4) == 0 && Unlink(pipe_path) == 0);
+    free(pipe_path);
 
     pid_t child = fork();
     if (child == 0)
@@ -199,6 +206,131 @@ static void use_xlog(char *argv[], const char *directory) {
     CHECK(log_close(other) == 0 && log_destroy() == 0);
 }
 
+static void *copy_half(void **dst, void **src, uint64_t size, va_list ap) {
+    (void)ap;
+    return memcpy(*dst, *src, size / 2);
+}
+
+static void *move_slot(fifo *ring, void **dst, void **src, ...) {
+    va_list ap;
+    va_start(ap, src);
+    void *moved = fifo_slot_rdwr(dst, src, ring->slot_size, ap);
+    va_end(ap);
+    return moved;
+}
+
+static void use_xfifo(void) {
+    fifo *ring = fifo_new(1, 1, 2, 3);
+    void *item = xmalloc(0, 8);
+    CHECK(move_slot(ring, &ring->slots[0], &item) == &item && item == NULL);
+    ring->count = 1;
+    CHECK(fifo_expand(ring) == 0 && ring->capacity == 3 && ring->expandable == 0);
+    CHECK(fifo_slots_resize(ring, 0) == 0 && fifo_del(ring) == 0);
+}
+
+static void use_xqueue(void) {
+    ring_queue_param param = {2, 8, 0, 0, 0};
+    ring_queue *queue = queue_new(&param);
+    char in[8] = "abcdefg", out[8] = "-------";
+    void *from = in, *to = out;
+    CHECK(queue_push(queue, &from, 0, NULL) == 0 && queue_pop(queue, &to, 0, copy_half) == 0);
+    CHECK(strcmp(out, "abcd---") == 0);
+    CHECK(queue_lock(queue) == 0 && queue_slots_resize(queue, 16) == 0 && queue_unlock(queue) == 0);
+    CHECK(queue->fifo->slot_size == 16 && queue_del(queue) == 0);
+    CHECK(is2power32(64) == 1 && is2power32(65) == 0);
+}
+
+static void use_xqueue2(void) {
+    blocking_queue queue;
+    char text[4];
+    CHECK(queue_init(&queue, 3) == 0);
+    CHECK(queue_put(&queue, "one", 3) == 0 && queue_tryput(&queue, "", 0) == 0);
+    CHECK(queue_timedput(&queue, "three", 5, 1) == 0 && queue_size(&queue) == 3);
+    CHECK(queue_get(&queue, text, sizeof text) == 3 && memcmp(text, "one", 3) == 0);
+    CHECK(queue_tryget(&queue, text, sizeof text) == 0);
+    CHECK(queue_timedget(&queue, text, sizeof text, 1) == -1 && errno == ENOBUFS);
+    CHECK(queue_destroy(&queue) == 0);
+}
+
+static void use_xid(void) {
+    idproducer *ids = idproducer_new(0, NULL);
+    CHECK(idproducer_alloc(ids, NULL) == 0 && idproducer_alloc(ids, NULL) == 1);
+    CHECK(idproducer_free(ids, 0, NULL) == 0 && find_next_zero_bit(0, ids) == 0);
+    CHECK(test_and_set_bit(0, ids) == 0 && test_and_clr_bit(0, ids) == 0);
+    CHECK(idproducer_del(ids) == 0);
+}
+
+static void use_xpool(void) {
+    pool sizes;
+    CHECK(pool_create(&sizes, 6, 12) == 0 && pool_resize(&sizes) == 0);
+    sizes.idle = 0;
+    CHECK(pool_resize(&sizes) == 2);
+}
+
+static void *post(void *semaphore) {
+    sem_post(semaphore);
+    return semaphore;
+}
+
+static void *leave(void *self) {
+    thread_exit(self, self);
+}
+
+static void use_xthread(void) {
+    thread *joined = thread_new(0), *stopped = thread_new(0), *made = thread_new(1);
+    sem_t done;
+    void *result = NULL;
+    sem_init(&done, 0, 0);
+    CHECK(thread_start(joined, post, &done) == 0 && thread_join(joined, &result) == 0);
+    CHECK(result == &done && joined->retval == &done && thread_trystop(joined) == 0);
+    CHECK(thread_start(stopped, leave, stopped) == 0 && thread_detach(stopped) == 0);
+    CHECK(thread_stop(stopped) == 0 && stopped->retval == stopped && stopped->state == 3);
+
+    made->routine = post;
+    made->arg = &done;
+    CHECK(thread_proc(made) == &done && thread_trystop(made) == 0);
+    thread_unlock(made);
+    thread_necrology_to_pool(made);
+    thread_necrology_to_self(made);
+    CHECK(made->state == 3 && thread_trystop(made) == 0);
+    CHECK(thread_del(joined) == 0 && thread_del(stopped) == 0 && thread_del(made) == 0);
+    CHECK(strcmp(thread_stat_descs[3].text, "Stop") == 0);
+
+    threadpool *workers = threadpool_new(6, 12, 4, 4, 16);
+    CHECK(threadpool_exec(workers, post, &done) == 0);
+    thread *worker = thread_new_for_pool(workers);
+    CHECK(worker != NULL && thread_del_for_pool(worker) == 0);
+    for (int posts = 0; posts < 3; posts++)
+        sem_wait(&done);
+    CHECK(threadpool_del(workers) == 0 && strcmp(threadpool_stat_descs[1].text, "Inactive") == 0);
+    sem_destroy(&done);
+    static thread_routine volatile endless[] = {thread_run_for_pool, thread_exit_for_pool};
+    CHECK(endless[0] != NULL && endless[1] != NULL); // they never return
+}
+
+static void use_xtime(void) {
+    sem_t done;
+    sem_init(&done, 0, 0);
+    timer *clock = timer_new();
+    CHECK(timer_exec(clock, post, &done) == 0 && timer_start(clock, post, &done, 1) == 0);
+    sem_wait(&done);
+    sem_wait(&done);
+    int id = timer_schedule(clock, post, &done, 3600000, -1, 1);
+    CHECK(id == 1 && timer_cancel(clock, id) == 0);
+
+    pthread_mutex_lock(&clock->lock);
+    timertask *soon = timertask_new(clock, post, &done, 1, 1, 0);
+    timertask *late = timertask_new(clock, post, &done, 2000, 1, 0);
+    CHECK(timertask_sort(&soon, &late) < 0);
+    timertask_del(&soon);
+    timertask_del(&late);
+    CHECK(soon == NULL && late == NULL);
+    timer_unlock(&clock->lock);
+    static thread_routine volatile endless = timer_run;
+    CHECK(timer_del(clock) == 0 && endless != NULL); // it never returns
+    sem_destroy(&done);
+}
+
 int main(int argc, char *argv[]) {
     (void)argc;
     char directory[] = "/tmp/keel-host-XXXXXX";
@@ -213,6 +345,13 @@ int main(int argc, char *argv[]) {
     use_xstdio(directory);
     use_xconf(directory);
     use_xini(directory);
+    use_xfifo();
+    use_xqueue();
+    use_xqueue2();
+    use_xid();
+    use_xpool();
+    use_xthread();
+    use_xtime();
     use_xlog(argv, directory);
     CHECK(get_system_stat() == 0 && ss.ncpu >= 2);
     CHECK(Systemf("rm -r %s", directory) == 0);
