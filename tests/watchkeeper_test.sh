@@ -34,9 +34,10 @@ refused 'give one settings file' shipped.ini shipped.ini
 refused 'unrecognized option' --second-guess shipped.ini
 refused '--seconds = "0" is not a number from 1' --seconds 0 shipped.ini
 refused 'cannot read the settings in "absent.ini"' absent.ini
-setting service 'interval = soon'; refused 'service::interval = "soon" is not a number from 1 to 3600' bad.ini
-setting service 'interval = 0'; refused 'service::interval = "0" is not' bad.ini
-setting service 'intervall = 1'; refused 'there is no setting "service::intervall"' bad.ini
+refused 'cannot read the settings in "log"' log
+setting tasks 'snapshot = soon'; refused 'tasks::snapshot = "soon" is not a number from 1 to 86400' bad.ini
+setting tasks 'summary = 0'; refused 'tasks::summary = "0" is not' bad.ini
+setting tasks 'snap = 1'; refused 'there is no setting "tasks::snap"' bad.ini
 setting log 'records = 999'; refused 'log::records = "999" is not a number from 1000 to 30000' bad.ini
 setting log 'language = latin'; refused 'neither english nor chinese' bad.ini
 setting warning 'cpu = high'; refused 'warning::cpu = "high" is not a number' bad.ini
@@ -45,26 +46,29 @@ printf '[log]\ndirectory = nowhere\n' >bad.ini; refused 'log::directory = "nowhe
 check "--help" sh -c '"$1" --help | grep -q "^usage: watchkeeper"' sh "$watchkeeper"
 
 # A bounded run leaves an archive with figures of this host.
-check "a bounded run" "$watchkeeper" --seconds 1 shipped.ini
+sed 's/^summary = 60 /summary = 1 /' shipped.ini >busy.ini
+check "a bounded run" "$watchkeeper" --seconds 4 busy.ini >reports
 archive=$(ls log)
 check "archived under a time stamp: $archive" grep -qxE 'watchkeeper_[0-9.]+_[0-9.]+\.log' <<<"$archive"
 line='^\[[-0-9 :.]+\] \[ +(Info\.7|Warning\.5|Critical\.3)\] cpu [0-9.]+%(, cpu[0-9]+ [0-9.]+%)+; memory [0-9.]+% of [0-9.]+ GB; (no swap|swap .*); up [0-9]+d [0-9:]{8}'
-check "two looks at the host" test "$(grep -cE "$line" "log/$archive")" = 2
+check "two looks at the host" test "$(grep -cE "$line" "log/$archive")" -ge 2
+check "a summary" grep -qE ' [0-9]+ looks so far; since the last summary the busiest processor was at [0-9.]+%, memory at [0-9.]+%$' "log/$archive"
+check "its timer's reports" grep -q '^Start timer task' reports
 check "as many processors as there are" test \
     "$(grep -E "$line" "log/$archive" | head -n 1 | grep -oE ', cpu[0-9]+' | wc -l)" = "$(grep -c ^processor /proc/cpuinfo)"
-check "nothing else in it" test "$(wc -l <"log/$archive")" = 4
+check "nothing else in it" test "$(grep -vcE "$line| looks so far| watching, every 1 s| ended after 4 seconds" "log/$archive")" = 0
 rm log/*
 
 # Thresholds choose the level.
 printf '[log]\ndirectory = log\n[critical]\nmemory = 0\n' >critical.ini
-check "a run at its threshold" "$watchkeeper" --seconds 1 critical.ini
+check "a run at its threshold" "$watchkeeper" --seconds 2 critical.ini >reports
 check "logged as Critical" grep -qE '\[ Critical\.3\] cpu ' log/*
 rm log/*
 
 # A signal ends it cleanly while it waits.
-sed 's/^interval = 1 /interval = 3600 /' shipped.ini >patient.ini
+sed 's/^snapshot = 1 /snapshot = 3600 /' shipped.ini >patient.ini
 for signal in TERM INT; do
-    "$watchkeeper" patient.ini &
+    "$watchkeeper" patient.ini >reports &
     service=$!
     until grep -q 'since boot' log/watchkeeper.log 2>/dev/null; do
         kill -0 $service || break

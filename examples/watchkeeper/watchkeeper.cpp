@@ -2,12 +2,14 @@
 /*
  * watchkeeper - the watch on a host.
  *
- * Every interval it takes a snapshot of the host and logs one line: how busy each processor is,
- * how full memory and swap are, how long the host has been up. SIGTERM and SIGINT end it, and the
- * log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the
- * settings.
+ * Every few seconds it takes a snapshot of the host and logs one line: how busy each processor is,
+ * how full memory and swap are, how long the host has been up. Less often it sums up what it saw. A
+ * timer has its pooled workers do both, and reports on standard output. SIGTERM and SIGINT end the
+ * service, and the log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside
+ * this file the settings.
  */
 #include <algorithm>
+#include <cinttypes>
 #include <cmath>
 #include <csignal>
 #include <cstdarg>
@@ -17,7 +19,7 @@
 #include <cstring>
 #include <ctime>
 #include <getopt.h>
-#include <iterator>
+#include <mutex>
 #include <string>
 
 #include <xconf.h>
@@ -25,6 +27,7 @@
 #include <xini.h>
 #include <xlog.h>
 #include <xstring.h>
+#include <xtime.h>
 
 namespace {
 
@@ -38,8 +41,14 @@ struct thresholds {
     long swap;
 };
 
+/* Seconds from one run of each task to the next. */
+struct intervals {
+    long snapshot = 1;
+    long summary = 60;
+};
+
 struct settings {
-    long interval = 1;
+    intervals tasks;
     std::string directory = "log";
     log_conf log{};
     thresholds warn{80, 85, 50};
@@ -58,9 +67,10 @@ struct settings {
 
 /* ---- Settings ------------------------------------------------------------------------------- */
 
+/* Decimal, or hexadecimal behind "0x". */
 long number(const char *what, const char *text, long low, long high) {
     char *end = nullptr;
-    const long value = std::strtol(text, &end, 0);
+    const long value = std::strtol(text, &end, std::strncmp(text, "0x", 2) == 0 ? 16 : 10);
     if (end == text || *end != '\0' || value < low || value > high)
         complain("%s = \"%s\" is not a number from %ld to %ld", what, text, low, high);
     return value;
@@ -79,8 +89,10 @@ void take(settings &to, const ini_entry &entry) {
     const auto value = [&](long low, long high) {
         return number(entry.key, entry.value, low, high);
     };
-    if (key == "service::interval")
-        to.interval = value(1, 3600);
+    if (key == "tasks::snapshot")
+        to.tasks.snapshot = value(1, 86400);
+    else if (key == "tasks::summary")
+        to.tasks.summary = value(1, 86400);
     else if (key == "log::directory")
         to.directory = entry.value;
     else if (key == "log::levels")
@@ -107,7 +119,7 @@ void take(settings &to, const ini_entry &entry) {
 
 settings read_settings(const char *path) {
     ini_table file = {nullptr, 0};
-    if (ini_load(&file, path, "=") == -1)
+    if (fexist(path, 1) == 0 || ini_load(&file, path, "=") == -1)
         complain("cannot read the settings in \"%s\"", path);
     settings read;
     read.log.mask = 0xff;
@@ -120,7 +132,17 @@ settings read_settings(const char *path) {
     return read;
 }
 
-/* ---- A look at the host --------------------------------------------------------------------- */
+/* ---- The watch ------------------------------------------------------------------------------ */
+
+/* What the tasks share. A task that takes longer than its interval runs beside itself, and the
+ * library's snapshot is for one thread at a time. */
+struct watch {
+    const settings &set;
+    std::mutex lock{};
+    std::uint64_t looks = 0;
+    double busiest_cpu = 0; /* since the last summary */
+    double fullest_memory = 0;
+};
 
 double busiest_cpu() {
     double busiest = 0;
@@ -142,25 +164,61 @@ level level_of_snapshot(const settings &set) {
     return reached(set.warn) ? warning : info;
 }
 
-void log_snapshot(const settings &set, const char *span) {
-    get_system_stat();
-    char *line = nullptr;
-    astrcatf(&line, "cpu %.1f%%", ss.cpu[0].usage);
+/* A line that is put together; a task that is cancelled meanwhile frees it. */
+struct line {
+    ~line() { std::free(text); }
+    char *text = nullptr;
+};
+
+void describe_snapshot(line &to) {
+    astrcatf(&to.text, "cpu %.1f%%", ss.cpu[0].usage);
     for (std::uint64_t i = 1; i < ss.ncpu; i++)
-        astrcatf(&line, ", %s %.1f%%", ss.cpu[i].name, ss.cpu[i].usage);
+        astrcatf(&to.text, ", %s %.1f%%", ss.cpu[i].name, ss.cpu[i].usage);
     const auto gigabytes = [](std::uint64_t kilobytes) {
         return static_cast<double>(kilobytes) / (1024 * 1024);
     };
-    astrcatf(&line, "; memory %.1f%% of %.1f GB", ss.mem_usage, gigabytes(ss.mem_total));
+    astrcatf(&to.text, "; memory %.1f%% of %.1f GB", ss.mem_usage, gigabytes(ss.mem_total));
     if (std::isnan(ss.swap_usage))
-        astrcatf(&line, "; no swap");
+        astrcatf(&to.text, "; no swap");
     else
-        astrcatf(&line, "; swap %.1f%% of %.1f GB", ss.swap_usage, gigabytes(ss.swap_total));
+        astrcatf(&to.text, "; swap %.1f%% of %.1f GB", ss.swap_usage, gigabytes(ss.swap_total));
     const long up = static_cast<long>(ss.uptime);
-    astrcatf(&line, "; up %ldd %02ld:%02ld:%02ld%s", up / 86400, up / 3600 % 24, up / 60 % 60,
-             up % 60, span);
-    log_print(0, level_of_snapshot(set), "%s", line);
-    std::free(line);
+    astrcatf(&to.text, "; up %ldd %02ld:%02ld:%02ld", up / 86400, up / 3600 % 24, up / 60 % 60,
+             up % 60);
+}
+
+/* Task: a look at the host. */
+void *snapshot(void *watch_) {
+    watch &self = *static_cast<watch *>(watch_);
+    const std::lock_guard guard(self.lock);
+    get_system_stat();
+    line described;
+    describe_snapshot(described);
+    const bool first = self.looks++ == 0;
+    if (!first) // whose processors are counted since the host was started
+        self.busiest_cpu = std::max(self.busiest_cpu, busiest_cpu());
+    self.fullest_memory = std::max(self.fullest_memory, ss.mem_usage);
+    log_print(0, level_of_snapshot(self.set), "%s%s", described.text,
+              first ? " (processors since boot)" : "");
+    return nullptr;
+}
+
+/* Task: what was seen since its last run. */
+void *summary(void *watch_) {
+    watch &self = *static_cast<watch *>(watch_);
+    const std::lock_guard guard(self.lock);
+    log_print(0, info,
+              "%" PRIu64 " looks so far; since the last summary the busiest processor "
+              "was at %.1f%%, memory at %.1f%%",
+              self.looks, self.busiest_cpu, self.fullest_memory);
+    self.busiest_cpu = 0;
+    self.fullest_memory = 0;
+    return nullptr;
+}
+
+bool repeat(timer &clock, thread_routine task, watch &arg, long seconds) {
+    const std::int64_t milliseconds = seconds * 1000;
+    return clock.schedule(&clock, task, &arg, milliseconds, -1, milliseconds) != -1;
 }
 
 /* ---- The service ---------------------------------------------------------------------------- */
@@ -171,35 +229,37 @@ std::int64_t monotonic_ms() {
     return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
 }
 
-/* Sleeps until `deadline` or a signal to end; tells the signal, or 0. The signals are blocked, so
- * none is missed while the service works. */
-int wait_until(std::int64_t deadline, const sigset_t &ending) {
+/* Sleeps until a signal to end, for `seconds` at most (0: without limit); tells the signal, or 0.
+ * The signals are blocked, so that none is missed and none reaches a worker. */
+int wait_for_end(long seconds, const sigset_t &ending) {
+    const std::int64_t end = seconds == 0 ? INT64_MAX : monotonic_ms() + seconds * 1000;
     for (;;) {
-        const std::int64_t left = std::max<std::int64_t>(deadline - monotonic_ms(), 0);
+        const std::int64_t left = std::max<std::int64_t>(end - monotonic_ms(), 0);
         const timespec time = {left / 1000, left % 1000 * 1'000'000};
         const int signal = sigtimedwait(&ending, nullptr, &time);
         if (signal > 0)
             return signal;
-        if (monotonic_ms() >= deadline)
+        if (monotonic_ms() >= end)
             return 0;
     }
 }
 
-/* `seconds` 0: without limit. */
-void keep_watch(const settings &set, long seconds, const sigset_t &ending) {
-    const std::int64_t start = monotonic_ms();
-    const std::int64_t end = seconds == 0 ? INT64_MAX : start + seconds * 1000;
-    log_snapshot(set, " (processors since boot)");
-    for (std::int64_t next = start + set.interval * 1000; next <= end;
-         next += set.interval * 1000) {
-        if (const int signal = wait_until(next, ending)) {
-            log_print(0, notice, "ended by %s", strsignal(signal));
-            return;
-        }
-        log_snapshot(set, "");
-    }
-    wait_until(end, ending);
-    log_print(0, notice, "ended after %ld seconds", seconds);
+/* Tells whether the watch could be kept at all. */
+bool keep_watch(const settings &set, long seconds, const sigset_t &ending) {
+    watch shared{.set = set};
+    timer *clock = timer_new();
+    if (clock == nullptr)
+        return false;
+    const bool started = clock->start(clock, snapshot, &shared, 0) == 0 &&
+                         repeat(*clock, snapshot, shared, set.tasks.snapshot) &&
+                         repeat(*clock, summary, shared, set.tasks.summary);
+    const int signal = started ? wait_for_end(seconds, ending) : 0;
+    clock->del(clock); // cancels what runs; from here on nothing else logs
+    if (signal != 0)
+        log_print(0, notice, "ended by %s", strsignal(signal));
+    else if (started)
+        log_print(0, notice, "ended after %ld seconds", seconds);
+    return started;
 }
 
 struct command_line {
@@ -244,7 +304,10 @@ int main(int argc, char *argv[]) {
 
     if (log_init(argv, set.directory.c_str(), &set.log) == -1)
         complain("cannot log in \"%s\"", set.directory.c_str());
-    log_print(0, notice, "watching, every %ld s", set.interval);
-    keep_watch(set, given.seconds, ending);
-    return log_destroy();
+    log_print(0, notice, "watching, every %ld s", set.tasks.snapshot);
+    const bool kept = keep_watch(set, given.seconds, ending);
+    log_destroy();
+    if (!kept)
+        std::fputs("watchkeeper: cannot start its timer\n", stderr);
+    return kept ? 0 : 1;
 }
