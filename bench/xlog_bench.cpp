@@ -131,7 +131,9 @@ bench::table one_thread(const std::string &memory) {
         .title = "Log record, flushed, in memory, one thread",
         .item = "record",
         .items = records,
-        .floor = "one write(2) a record",
+        .floor =
+            "one write(2) a record; the clock and the local time, asked anew for each so that a "
+            "change of the zone's rules shows at once, are 0.1 us of the rest",
         .contenders = {
             {"keel log_print",
              [=] { return write_records(std::make_shared<keel_log>(memory, 30000), records); }},
@@ -151,7 +153,8 @@ bench::table four_threads(const std::string &memory) {
         .title = "Log record, flushed, in memory, four threads",
         .item = "record",
         .items = records,
-        .floor = "one write(2) a record, one at a time for the order of the file",
+        .floor = "one write(2) a record, one at a time for the order of the file: threads that do "
+                 "nothing else take what the last row says",
         .contenders = {
             {"keel log_print", [=] { return shared(std::make_shared<keel_log>(memory, 30000)); }},
             {"spdlog, each record flushed",
@@ -207,7 +210,7 @@ bench::table rotating(const std::string &memory) {
             .item = "record",
             .items = records,
             .floor = "archives bear the millisecond of their making and are never overwritten: no "
-                     "more than one of them a millisecond",
+                     "more than one of them a millisecond, so 1 us a record",
             .contenders = {
                 {"keel log_print",
                  [=] {

@@ -114,7 +114,7 @@ std::to_chars_result put_string(char *end, char *limit, const char *text) {
     return {put_text(end, text, length), std::errc()};
 }
 
-/* What vsnprintf() would print, in a third of its time, for the formats of most records: "%d",
+/* What vsnprintf() would print, in less than half its time, for the formats of most records: "%d",
  * "%u", "%x", each with an "l" or a "z" if need be, and "%s". Null where there is anything else in
  * `format` or no room before `limit`; what has been put is to be overwritten then. */
 [[gnu::format(printf, 3, 0)]] char *put_plain(char *end, char *limit, const char *format,
@@ -128,18 +128,21 @@ std::to_chars_result put_string(char *end, char *limit, const char *text) {
         }
         const bool wide = format[1] == 'l' || format[1] == 'z';
         format += wide ? 2 : 1;
-        std::to_chars_result put = {nullptr, std::errc::invalid_argument};
-        if (*format == 's' && !wide)
+        std::to_chars_result put;
+        if (*format == 'd')
+            put =
+                std::to_chars(end, limit, wide ? va_arg(arguments, long) : va_arg(arguments, int));
+        else if (*format == 'u')
+            put = std::to_chars(
+                end, limit, wide ? va_arg(arguments, unsigned long) : va_arg(arguments, unsigned));
+        else if (*format == 'x')
+            put = std::to_chars(
+                end, limit, wide ? va_arg(arguments, unsigned long) : va_arg(arguments, unsigned),
+                16);
+        else if (*format == 's' && !wide)
             put = put_string(end, limit, va_arg(arguments, const char *));
-        else if (*format == 'd' && wide)
-            put = std::to_chars(end, limit, va_arg(arguments, long));
-        else if (*format == 'd')
-            put = std::to_chars(end, limit, va_arg(arguments, int));
-        else if (*format == 'u' || *format == 'x') {
-            const int base = *format == 'u' ? 10 : 16;
-            put = wide ? std::to_chars(end, limit, va_arg(arguments, unsigned long), base)
-                       : std::to_chars(end, limit, va_arg(arguments, unsigned), base);
-        }
+        else
+            return nullptr;
         if (put.ec != std::errc())
             return nullptr;
         end = put.ptr;
