@@ -55,7 +55,8 @@ typedef struct ring_queue_param {
     uint64_t max;       /**< slots at most */
 } ring_queue_param;
 
-/** A queue, made by queue_new() alone. */
+/** A queue, made by queue_new() alone. Whoever changes its ring directly, and not through the
+ * queue, holds queue_lock() meanwhile. */
 typedef struct ring_queue ring_queue;
 struct ring_queue {
     struct fifo *fifo;        /**< the slots */

@@ -2,14 +2,11 @@
 #include "xqueue.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <functional>
 #include <gtest/gtest.h>
@@ -363,7 +360,7 @@ TEST(QueuePush, GrowsAFullRingWithoutWaiting) {
                 }
                 EXPECT_FALSE(push_number(queue.get(), pushed, std::max<std::int64_t>(timeout, 0)));
                 EXPECT_EQ(queue->fifo->capacity, row.capacities.back());
-                EXPECT_EQ(queue->fifo->expandable == 1, false);
+                EXPECT_NE(queue->fifo->expandable, 1);
                 EXPECT_EQ(pop_all(queue.get()), numbers_from(0, pushed));
             }
 }
@@ -445,8 +442,7 @@ TEST(QueueLock, LetsTheCallerChangeTheQueue) {
     for (std::uint64_t i = 0; i < 3; i++)
         EXPECT_TRUE(push_number(queue.get(), i, 0));
     queue->lock(queue.get());
-    queue->fifo->wr = queue->fifo->rd; // only the oldest is left
-    queue->fifo->wr = (queue->fifo->rd + 1) % queue->fifo->capacity;
+    queue->fifo->wr = (queue->fifo->rd + 1) % queue->fifo->capacity; // only the oldest is left
     queue->fifo->count = 1;
     queue->unlock(queue.get());
     EXPECT_EQ(pop_all(queue.get()), numbers_from(0, 1));
@@ -830,10 +826,10 @@ class round_start {
 };
 
 /* In each round one thread has to wait, and the other one makes way at about the moment when the
- * first one has seen that it must wait and is on its way to sleep. */
+ * first one has seen that it must wait and is on its way to sleep. It takes aim by how long the
+ * former waits took: short ones met the first thread still awake, so that it may come later. */
 void wake_on_the_way_to_sleep(bool pushes_wait) {
-    constexpr int rounds = 60'000;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    using clock = std::chrono::steady_clock;
     const unique_queue queue = fixed_queue(1, 8);
     const auto push = [&](std::int64_t timeout) {
         EXPECT_TRUE(push_number(queue.get(), 1, timeout));
@@ -842,14 +838,21 @@ void wake_on_the_way_to_sleep(bool pushes_wait) {
     if (pushes_wait)
         push(0);
     round_start start;
+    std::atomic<bool> slept = false;
     worker waiter([&] {
-        while (start.another())
+        while (start.another()) {
+            const auto begin = clock::now();
             pushes_wait ? push(-1) : pop(-1);
+            slept = clock::now() - begin > std::chrono::microseconds(5);
+        }
     });
     std::minstd_rand random(1);
-    for (int i = 0; start.announce(i < rounds && std::chrono::steady_clock::now() < deadline);
-         i++) {
-        spin(static_cast<unsigned>(random() % 1'000));
+    unsigned turns = 0;
+    const auto end = clock::now() + std::chrono::milliseconds(1'500);
+    while (start.announce(clock::now() < end)) {
+        const unsigned step = 1 + static_cast<unsigned>(random() >> 8) % 32;
+        turns = slept ? turns - std::min(turns, step) : turns + step;
+        spin(turns);
         pushes_wait ? pop(0) : push(0);
     }
 }
