@@ -7,6 +7,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 
 source, shared, static, host = pathlib.Path(sys.argv[1]), *sys.argv[2:]
 complaints = []
@@ -56,8 +57,10 @@ def marked(header):
 def functions_declared_in(directory, headers):
     """As the compiler reads them, marked or not. It lists them as /* file:line:kind */ declaration"""
     text = "".join(f'#include "{header.name}"\n' for header in headers)
-    command = ["gcc", "-std=c11", f"-I{directory}", "-fsyntax-only", "-aux-info", "/dev/stdout", "-x", "c", "-"]
-    listing = output_of(*command, input=text)
+    with tempfile.NamedTemporaryFile("r") as listed_here:
+        command = ["gcc", "-std=c11", f"-I{directory}", "-fsyntax-only", "-aux-info", listed_here.name, "-x", "c", "-"]
+        output_of(*command, input=text)
+        listing = listed_here.read()
     return set(re.findall(rf"^/\* {re.escape(str(directory))}/[^:]*:\d+:\w+ \*/ .*?(\w+) \(", listing, re.M))
 
 

@@ -58,7 +58,7 @@ foreach(library keel static)
     endforeach()
 endforeach()
 HOST
-quietly cmake -S . -B hosts -DCMAKE_PREFIX_PATH="$prefix"
+quietly cmake -G Ninja -S . -B hosts -DCMAKE_PREFIX_PATH="$prefix"
 quietly cmake --build hosts
 for host in with_keel_c with_keel_cpp with_static_c with_static_cpp; do
     quietly hosts/$host

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
-#include <sched.h>
 #include <set>
 #include <string>
 #include <sys/mount.h>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "child.h"
+#include "own_mounts.h"
 #include "temp_dir.h"
 
 namespace keel_test {
@@ -23,7 +23,7 @@ class fake_files {
   public:
     /* The fakes themselves lie in `directory`. */
     explicit fake_files(std::string directory) : directory_(std::move(directory)) {
-        insist(unshare(CLONE_NEWNS) == 0 && mount("", "/", "", MS_REC | MS_PRIVATE, "") == 0, "/");
+        insist(own_mounts(), "/");
     }
 
     /* What `path` holds from now on. A stream that is open on a fake sees its new text. */

@@ -5,11 +5,12 @@
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <string>
 #include <sys/mount.h>
 #include <thread>
 #include <unistd.h>
+
+#include "own_mounts.h"
 
 namespace keel_test {
 
@@ -23,8 +24,7 @@ inline void on_small_disk(const std::string &directory, const std::string &size,
                           const std::function<void()> &body) {
     std::thread([&] {
         const std::string options = "size=" + size;
-        if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, "") != 0 ||
-            mount("small", directory.c_str(), "tmpfs", 0, options.c_str()) != 0)
+        if (!own_mounts() || mount("small", directory.c_str(), "tmpfs", 0, options.c_str()) != 0)
             FAIL() << "no small disk: " << std::strerror(errno);
         body();
     }).join();
