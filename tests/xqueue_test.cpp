@@ -913,7 +913,6 @@ class cancelled_transfer {
     /* Cancels one thread after the other until everything is through. */
     void run() {
         const std::uint64_t all = items_each_ * next_.size();
-        int cancelled = 0;
         while (ledger_.total() < all) {
             const std::size_t lane = random_() % next_.size();
             const bool producer = random_() % 2 != 0;
@@ -921,7 +920,7 @@ class cancelled_transfer {
             if (random_() % 4 != 0) // the others are met wherever they are
                 victim->falls_asleep();
             victim->cancel();
-            cancelled += victim->join();
+            victim->join();
             if (producer)
                 start_producer(victim, lane);
             else
@@ -930,7 +929,6 @@ class cancelled_transfer {
         }
         for (auto &consumer : consumers_)
             consumer->cancel();
-        EXPECT_GT(cancelled, 0);
         consumers_.clear();
         producers_.clear();
         EXPECT_TRUE(ledger_.all_once());
