@@ -79,6 +79,7 @@ struct place {
 /* What a list's node really is. */
 struct placed_node : timer_node {
     std::set<place>::iterator position; // while it is in `tasks`
+    std::set<place>::node_type kept;    // to be that again, while it is in `ready`
 };
 
 /* What timer_new() really makes: `places` are the nodes of `tasks` again, as a tree that finds a
@@ -110,6 +111,7 @@ timer_node *new_node(const timer_list &list, timertask *task) {
 
 void drop_node(const timer_list &list, timer_node *node) {
     list.destroy(&node->data);
+    placed(*node).~placed_node();
     std::free(node);
 }
 
@@ -128,19 +130,43 @@ void unlink(timer_list &list, timer_node *node) {
     list.count--;
 }
 
-void insert_sorted_locked(indexed_timer &self, timer_node *node) {
-    const timertask &task = *node->data;
-    try {
-        placed(*node).position =
-            self.places.insert({task.sec, task.nsec, self.next_age--, node}).first;
-    } catch (const std::bad_alloc &) {
-        end_explained("timer_schedule");
-    }
-    const auto after = std::next(placed(*node).position);
+place new_place_locked(indexed_timer &self, timer_node *node) {
+    return {node->data->sec, node->data->nsec, self.next_age--, node};
+}
+
+void link_at_locked(indexed_timer &self, timer_node *node, std::set<place>::iterator position) {
+    placed(*node).position = position;
+    const auto after = std::next(position);
     link_before(*self.tasks, after == self.places.end() ? nullptr : after->node, node);
 }
 
+void insert_sorted_locked(indexed_timer &self, timer_node *node) {
+    try {
+        link_at_locked(self, node, self.places.insert(new_place_locked(self, node)).first);
+    } catch (const std::bad_alloc &) {
+        end_explained("timer_schedule");
+    }
+}
+
+void move_to_ready_locked(indexed_timer &self, timer_node *node) {
+    placed(*node).kept = self.places.extract(placed(*node).position);
+    unlink(*self.tasks, node);
+    link_before(*self.ready, nullptr, node);
+}
+
+void move_back_locked(indexed_timer &self, timer_node *node) {
+    unlink(*self.ready, node);
+    placed(*node).kept.value() = new_place_locked(self, node);
+    link_at_locked(self, node, self.places.insert(std::move(placed(*node).kept)).position);
+}
+
+/* The timer's thread, cancelled in the middle of a round, leaves tasks in `ready`, and a routine
+ * that still runs may cancel one of those. */
 void take_out_locked(indexed_timer &self, timer_node *node) {
+    if (!placed(*node).kept.empty()) {
+        unlink(*self.ready, node);
+        return;
+    }
     self.places.erase(placed(*node).position);
     unlink(*self.tasks, node);
 }
@@ -191,17 +217,14 @@ void fire_locked(indexed_timer &self) {
             forget_task_locked(self, node);
             continue;
         }
-        take_out_locked(self, node);
         set_due(task, task.gap);
-        link_before(*self.ready, nullptr, node);
+        move_to_ready_locked(self, node);
     }
 }
 
 void merge_ready_locked(indexed_timer &self) {
-    while (timer_node *node = self.ready->head) {
-        unlink(*self.ready, node);
-        insert_sorted_locked(self, node);
-    }
+    while (timer_node *node = self.ready->head)
+        move_back_locked(self, node);
 }
 
 /* ---- Making a timer ---------------------------------------------------------------------------
@@ -233,6 +256,17 @@ bool make_locks(timer &self) {
     return false;
 }
 
+/* What nothing but memory is needed for. */
+void fill_in(timer &self) {
+    self.ids = idproducer_new(1, nullptr);
+    self.ready = new_list(nullptr);
+    self.tasks = new_list(timertask_sort);
+    self.start = timer_start;
+    self.schedule = timer_schedule;
+    self.cancel = timer_cancel;
+    self.del = timer_del;
+}
+
 void free_timer(indexed_timer *self) {
     self->~indexed_timer();
     xfree(0, self);
@@ -242,9 +276,11 @@ void free_timer(indexed_timer *self) {
 void take_apart(indexed_timer *self) {
     thread_del(self->thread);
     threadpool_del(self->pool);
-    idproducer_del(self->ids);
-    del_list(self->ready);
-    del_list(self->tasks);
+    if (self->ids != nullptr) {
+        idproducer_del(self->ids);
+        del_list(self->ready);
+        del_list(self->tasks);
+    }
     pthread_mutex_destroy(&self->lock);
     pthread_cond_destroy(&self->wakeup);
     free_timer(self);
@@ -261,15 +297,11 @@ timer *timer_new() {
     self->thread = thread_new(1);
     if (self->thread != nullptr)
         self->pool = threadpool_new(10, 20, 100, 100, identifiers + 20);
-    self->ids = idproducer_new(1, nullptr);
-    self->ready = new_list(nullptr);
-    self->tasks = new_list(timertask_sort);
-    self->start = timer_start;
-    self->schedule = timer_schedule;
-    self->cancel = timer_cancel;
-    self->del = timer_del;
-    if (self->pool != nullptr && thread_start(self->thread, timer_run, self) == 0)
-        return self;
+    if (self->pool != nullptr) {
+        fill_in(*self);
+        if (thread_start(self->thread, timer_run, self) == 0)
+            return self;
+    }
     take_apart(self);
     return nullptr;
 }
