@@ -705,7 +705,7 @@ bool delete_under_load(std::minstd_rand &random, std::atomic<int> &retirements) 
 }
 
 TEST_F(ThreadpoolStress, DeletionUnderLoadWhileWorkersRetire) {
-    constexpr int rounds = sanitized ? 2000 : 6000;
+    const int rounds = keel_test::rounds(sanitized ? 2000 : 6000);
     std::atomic<int> retirements = 0;
     std::atomic<int> wrong = 0;
     {

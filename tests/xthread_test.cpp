@@ -448,7 +448,7 @@ void race_often(int rounds, std::uint32_t seed, race_counts &counts) {
 }
 
 TEST_F(ThreadStress, StoppingRacesWithEnding) {
-    constexpr int rounds = 100'000;
+    const int rounds = keel_test::rounds(100'000);
     race_counts counts;
     {
         std::vector<std::jthread> racing;

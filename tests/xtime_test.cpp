@@ -821,8 +821,7 @@ struct busy_scene {
 
 TEST_F(TimerStress, ATimerIsDeletedByAnyOtherThreadWhileItsTasksRun) {
     const std::ptrdiff_t threads = count_threads();
-    const char *fewer = std::getenv("KEEL_TEST_ROUNDS"); // where each takes long, as in valgrind
-    const int rounds = fewer != nullptr ? std::atoi(fewer) : 1000;
+    const int rounds = keel_test::rounds(1000);
     for (int i = 0; i < rounds; i++) {
         busy_scene scene;
         scene.clock = timer_new();

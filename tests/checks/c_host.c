@@ -256,7 +256,8 @@ static void use_xid(void) {
     idproducer *ids = idproducer_new(0, NULL);
     CHECK(idproducer_alloc(ids, NULL) == 0 && idproducer_alloc(ids, NULL) == 1);
     CHECK(idproducer_free(ids, 0, NULL) == 0 && find_next_zero_bit(0, ids) == 0);
-    CHECK(test_and_set_bit(0, ids) == 0 && test_and_clr_bit(0, ids) == 0);
+    CHECK(test_and_set_bit(0, ids) == 0 && find_next_zero_bit(0, ids) == 2);
+    CHECK(test_and_clr_bit(0, ids) == 0 && idproducer_free(ids, 0, NULL) == -1);
     CHECK(idproducer_del(ids) == 0);
 }
 
@@ -296,16 +297,22 @@ static void use_xthread(void) {
     CHECK(thread_del(joined) == 0 && thread_del(stopped) == 0 && thread_del(made) == 0);
     CHECK(strcmp(thread_stat_descs[3].text, "Stop") == 0);
 
+    thread *retired = thread_new(0);
+    CHECK(thread_start(retired, thread_exit_for_pool, retired) == 0);
+    CHECK(thread_join(retired, &result) == 0 && result == NULL && retired->state == 3);
+    CHECK(thread_stop(retired) == 0 && thread_del(retired) == 0);
+
     threadpool *workers = threadpool_new(6, 12, 4, 4, 16);
     CHECK(threadpool_exec(workers, post, &done) == 0);
-    thread *worker = thread_new_for_pool(workers);
+    thread *worker = thread_new_for_pool(workers), *another = thread_new(1);
     CHECK(worker != NULL && thread_del_for_pool(worker) == 0);
+    another->pool = workers;
+    CHECK(thread_start(another, thread_run_for_pool, another) == 0);
+    CHECK(thread_del_for_pool(another) == 0);
     for (int posts = 0; posts < 3; posts++)
         sem_wait(&done);
     CHECK(threadpool_del(workers) == 0 && strcmp(threadpool_stat_descs[1].text, "Inactive") == 0);
     sem_destroy(&done);
-    static thread_routine volatile endless[] = {thread_run_for_pool, thread_exit_for_pool};
-    CHECK(endless[0] != NULL && endless[1] != NULL); // they never return
 }
 
 static void use_xtime(void) {
@@ -326,8 +333,10 @@ static void use_xtime(void) {
     timertask_del(&late);
     CHECK(soon == NULL && late == NULL);
     timer_unlock(&clock->lock);
-    static thread_routine volatile endless = timer_run;
-    CHECK(timer_del(clock) == 0 && endless != NULL); // it never returns
+    thread *second = thread_new(0);
+    CHECK(thread_start(second, timer_run, clock) == 0 && thread_stop(second) == 0);
+    CHECK(thread_join(second, NULL) == 0 && thread_del(second) == 0);
+    CHECK(timer_del(clock) == 0);
     sem_destroy(&done);
 }
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """src/exports.txt, the names that both libraries show, those that the public headers declare, each with
-a comment of its own, and those that the host in plain C uses are all the same.
+a comment of its own, and those that the host in plain C uses are all the same. Overloads for C++ stand
+there under their names as symbols, beside a function that C knows under the plain name.
 
 usage: exports.py SOURCE_DIR SHARED_LIBRARY STATIC_LIBRARY HOST"""
 import pathlib
@@ -35,9 +36,13 @@ def open_symbols_of_archive(path):
     return {row[7] for row in rows if row[4:6] == ["GLOBAL", "DEFAULT"] and row[6] != "UND"}
 
 
+def demangled(name):
+    return output_of("c++filt", name).strip()
+
+
 def plain(names):
     """Overloads for C++ by the name that their declarations have."""
-    return {re.match(r"\w+", output_of("c++filt", name))[0] for name in names}
+    return {re.match(r"\w+", demangled(name))[0] for name in names}
 
 
 # A comment (or none), then a declaration marked KEEL_API up to its first parenthesis or semicolon.
@@ -64,6 +69,18 @@ def functions_declared_in(directory, headers):
     return set(re.findall(rf"^/\* {re.escape(str(directory))}/[^:]*:\d+:\w+ \*/ .*?(\w+) \(", listing, re.M))
 
 
+def symbols_that_cpp_calls(directory, headers, overloads):
+    """Where it calls each of the overloads with arguments of the types that its symbol tells."""
+    text = "".join(f'#include "{header.name}"\n' for header in headers)
+    for number, overload in enumerate(overloads):
+        name, types = re.fullmatch(r"(\w+)\((.*)\)", demangled(overload)).groups()
+        arguments = [f"a{i}" for i, _ in enumerate(types.split(", "))]
+        parameters = ", ".join(map(" ".join, zip(types.split(", "), arguments)))
+        text += f"void use{number}({parameters}) {{ {name}({', '.join(arguments)}); }}\n"
+    assembly = output_of("g++", "-std=c++17", f"-I{directory}", "-S", "-o", "-", "-x", "c++", "-", input=text)
+    return set(re.findall(r"\bcall\s+(\w+)", assembly))
+
+
 lines = (source / "src/exports.txt").read_text().splitlines()
 listed = [line for line in lines if line and not line.startswith("#")]
 complaints.extend(f"src/exports.txt lists {name} twice" for name in set(listed) if listed.count(name) > 1)
@@ -78,6 +95,8 @@ headers = [header for header in sorted(include.glob("*.h")) if header.name != "k
 compare("the headers mark", set().union(*map(marked, headers)), plain(listed))
 data = {name for name, kind in shown.items() if kind != "T"}
 compare("the headers declare", functions_declared_in(include, headers) | data, plain(listed))
+overloads = {name for name in listed if demangled(name) != name}
+compare("C++ calls", symbols_that_cpp_calls(include, headers, overloads), overloads)
 
 used = dynamic_symbols(host).keys()
 complaints.extend(f"the host does not use {name}" for name in sorted(plain(listed) - used))

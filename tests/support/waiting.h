@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -23,6 +24,13 @@ constexpr bool sanitized = true;
 #else
 constexpr bool sanitized = false;
 #endif
+
+/* How often a race is provoked: KEEL_TEST_ROUNDS times, for a run that takes its time or for one
+ * below valgrind, else `usual` times. */
+inline int rounds(int usual) {
+    const char *wanted = std::getenv("KEEL_TEST_ROUNDS");
+    return wanted != nullptr ? std::atoi(wanted) : usual;
+}
 
 /* Waiting is a cancellation point. The thread sanitizer, which takes a thread that was cancelled in
  * the system's own sem_wait() to be in there for ever, bears it here. */
