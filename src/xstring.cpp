@@ -79,6 +79,84 @@ int compare_from_end(const char *left, std::size_t left_length, const char *righ
     return 0;
 }
 
+/* Folds each run of whitespace to one blank, in place: what it takes lies at its end or behind. */
+class blank_folder {
+  public:
+    static constexpr std::size_t block_size = sizeof(__m128i);
+
+    explicit blank_folder(char *text) : begin_(text), end_(text) {}
+
+    void take_block(const char *text) {
+        const folding block(_mm_loadu_si128(reinterpret_cast<const __m128i *>(text)), after_space_);
+        if (!block.is_simple)
+            return take_each(text, block_size);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(end_), block.folded);
+        move_on(block, block_size);
+    }
+
+    /* The rest of the text, less than a block. */
+    void take_rest(const char *text, std::size_t length) {
+        if (length == 0)
+            return;
+        __m128i rest = _mm_setzero_si128();
+        std::memcpy(&rest, text, length);
+        const folding block(rest, after_space_);
+        if (!block.is_simple)
+            return take_each(text, length);
+        std::memcpy(end_, &block.folded, length);
+        move_on(block, length);
+    }
+
+    void finish() {
+        if (end_ > begin_ && after_space_)
+            end_--;
+        *end_ = '\0';
+    }
+
+  private:
+    /* Most blocks are simple: without a run to be shortened, and without a byte beyond ASCII, whose
+     * class is the locale's matter. Those are folded at once. */
+    struct folding {
+        folding(__m128i text, bool after_space) {
+            const __m128i space =
+                _mm_or_si128(_mm_and_si128(_mm_cmpgt_epi8(text, _mm_set1_epi8('\t' - 1)),
+                                           _mm_cmplt_epi8(text, _mm_set1_epi8('\r' + 1))),
+                             _mm_cmpeq_epi8(text, _mm_set1_epi8(' ')));
+            spaces = _mm_movemask_epi8(space);
+            const int surplus = spaces & (spaces << 1 | static_cast<int>(after_space));
+            is_simple = (surplus | _mm_movemask_epi8(text)) == 0;
+            folded = _mm_or_si128(_mm_andnot_si128(space, text),
+                                  _mm_and_si128(space, _mm_set1_epi8(' ')));
+        }
+
+        __m128i folded;
+        int spaces; // a bit for each character
+        bool is_simple;
+    };
+
+    void move_on(const folding &block, std::size_t length) {
+        end_ += length;
+        after_space_ = (block.spaces >> (length - 1) & 1) != 0;
+    }
+
+    /* Each character is stored, and the place for the next one moves on unless this was one blank
+     * too many: without a branch on the text, a long line costs a third. */
+    void take_each(const char *text, std::size_t length) {
+        for (const char *next = text; next < text + length; next++) {
+            const char c = *next;
+            const bool space = classes_.space(c);
+            *end_ = space ? ' ' : c;
+            end_ += !(space && after_space_);
+            after_space_ = space;
+        }
+    }
+
+    const char *begin_;
+    char *end_;
+    char_class classes_;
+    bool after_space_ = true; // so that none is kept at the beginning
+};
+
 /* Finds the delimiters of a set in blocks of 64 characters: a bit for each, the first one lowest. A
  * few delimiters are compared with 16 characters at once, more are looked up. */
 class delimiter_finder {
@@ -181,21 +259,13 @@ char *strtrim1(char *text) {
 char *strtrim2(char *text) {
     if (text == nullptr)
         return nullptr;
-    const char_class classes;
-    char *end = text;
-    /* Each character is stored, and the place for the next one moves on unless this was one blank
-     * too many: without a branch on the text, a long line costs a third. */
-    bool after_space = true; // so that none is kept at the beginning
-    for (const char *next = text; *next != '\0'; next++) {
-        const char c = *next;
-        const bool space = classes.space(c);
-        *end = space ? ' ' : c;
-        end += !(space && after_space);
-        after_space = space;
-    }
-    if (end > text && after_space)
-        end--;
-    *end = '\0';
+    const std::size_t length = std::strlen(text);
+    blank_folder folder(text);
+    std::size_t done = 0;
+    for (; length - done >= blank_folder::block_size; done += blank_folder::block_size)
+        folder.take_block(text + done);
+    folder.take_rest(text + done, length - done);
+    folder.finish();
     return text;
 }
 
