@@ -77,17 +77,18 @@ KEEL_API int fifo_del(fifo *ring);
 
 /**
  * Adds slots to a full ring, between the newest item and the oldest, so that the order stays. At
- * `max`, `expandable` drops to 0 for good. Returns 0; -1, with nothing changed, where `ring` is
- * null or not full. The growth is a signed 32-bit quantity: one that comes out below 1 is no
- * growth, and ends it (-1, `expandable` 0).
+ * `max`, `expandable` drops to 0 for good. Returns 0, also where there is nothing to add any more;
+ * -1, with nothing changed, where `ring` is null or not full. The growth is a signed 32-bit
+ * quantity: one that comes out below 1 adds nothing and ends it (`expandable` 0), and where it
+ * comes out negative, or there are more slots than `max`, the result is -1.
  */
 KEEL_API int fifo_expand(fifo *ring);
 
 /**
  * Gives each slot a zeroed buffer of `size` bytes, discards what was queued and resets the ring.
- * The size that it has already changes nothing. Size 0 is for teardown: every slot's contents,
- * buffers or held pointers, are freed and the slots set to null, the rest of the record stays.
- * Returns 0; -1 for null.
+ * The size that it has already, other than 0, changes nothing. Size 0 is for teardown: every slot's
+ * contents, buffers or held pointers, are freed and the slots set to null, the rest of the record
+ * stays. Returns 0; -1 for null.
  */
 KEEL_API int fifo_slots_resize(fifo *ring, uint64_t size);
 

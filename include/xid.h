@@ -3,8 +3,8 @@
  * @file xid.h
  * @brief Small identifiers, 0 to 32767, handed out in rotation, each with an argument bound to it.
  *
- * An identifier that is given back comes round again only after all higher ones: one that was just
- * freed is not soon mistaken for a new one.
+ * The search for a free one goes on behind the last one that was given and wraps at the end, so
+ * that one that was just freed is mostly not the next one given.
  *
  * A producer locks nothing: its user serialises the calls. Memory that runs out ends the process,
  * as xmemory.h says.

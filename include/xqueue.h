@@ -7,8 +7,9 @@
  *
  * The items are pointers that move into the queue and out of it (slot size 0), or copies of one
  * fixed size. Any number of threads may push and pop at once: pushers take turns, poppers take
- * turns, and one of each work side by side. Nobody who waits is forgotten: whoever makes an item or
- * a vacant slot signals under the lock of the waiter.
+ * turns, and one of each work side by side. Nobody who waits is forgotten: a push or a pop that
+ * makes an item or a vacant slot for somebody who sleeps signals under the sleeper's lock. A copy
+ * function runs under a lock and so must not push to or pop from its own queue.
  *
  * Time-outs are in milliseconds: -1 waits without limit, 0 does not wait, below -1 is refused. A
  * wait is a cancellation point; a thread that is cancelled there has taken and put nothing, and
@@ -62,8 +63,8 @@ struct ring_queue {
     struct fifo *fifo;        /**< the slots */
     pthread_cond_t not_empty; /**< what a pop waits on, under `rd_lock` */
     pthread_cond_t not_full;  /**< what a push waits on, under `wr_lock` */
-    pthread_mutex_t rd_lock;  /**< held by a pop, and by a push that grows the ring */
-    pthread_mutex_t wr_lock;  /**< held by a push */
+    pthread_mutex_t rd_lock; /**< held by a pop, and by a push that grows the ring or wakes a pop */
+    pthread_mutex_t wr_lock; /**< held by a push, and by a pop that wakes one */
 
     int (*del)(ring_queue *queue);                                     /**< queue_del() */
     int (*pop)(ring_queue *queue, void **out, int64_t timeout, ...);   /**< queue_pop() */
@@ -78,8 +79,8 @@ KEEL_API ring_queue *queue_new(const ring_queue_param *param);
 
 /**
  * Frees the queue, and with xfree() the pointers that are still in it. No other thread may use it
- * any more. Returns 0; -1 for null, or where a lock could not be destroyed (the rest is freed all
- * the same).
+ * any more: every push and pop has returned. Returns 0; -1 for null, or where a lock could not be
+ * destroyed (the rest is freed all the same).
  */
 KEEL_API int queue_del(ring_queue *queue);
 
@@ -113,8 +114,8 @@ KEEL_API int queue_lock(ring_queue *queue);
 /** Lets the pops go on, then the pushes. Returns 0; -1 for null. */
 KEEL_API int queue_unlock(ring_queue *queue);
 
-/** fifo_slots_resize() on the queue's ring. Takes no lock: nobody else may use the queue meanwhile,
- * or the caller holds queue_lock(). */
+/** fifo_slots_resize() on the queue's ring. Takes no lock and wakes nobody: nobody else may use the
+ * queue meanwhile, or the caller holds queue_lock(). */
 KEEL_API int queue_slots_resize(ring_queue *queue, uint64_t size);
 
 /** 1 where `x` is a power of two, else 0. Rings do not ask for one. */

@@ -59,7 +59,7 @@ int fifo_expand(fifo *ring) {
     const auto growth = static_cast<std::int32_t>(std::min(ring->step, allowed));
     if (growth < 1) {
         ring->expandable = 0;
-        return -1;
+        return growth == 0 && ring->max >= ring->capacity ? 0 : -1;
     }
 
     const auto added = static_cast<std::uint64_t>(growth);

@@ -40,12 +40,6 @@ class waiters {
         pthread_cond_signal(&condition_);
     }
 
-    /* Wakes another than the caller, who holds the lock. */
-    void pass_on() {
-        if (waiting_ > 1)
-            pthread_cond_signal(&condition_);
-    }
-
     /* One thread's stay, while it holds the lock or sleeps. Ends also by its cancellation. */
     class stay {
       public:
@@ -82,8 +76,8 @@ class waiters {
     std::atomic<std::uint64_t> sleepers_ = 0;
 };
 
-/* What queue_new() really makes, at the start of a cache line: what one side writes is in no line
- * that the other side reads, but for the ring's count.
+/* What queue_new() really makes, at the start of a cache line, which keeps the two locks, and what
+ * each side remembers, in lines of their own.
  *
  * Each side remembers what it saw of the ring when it last changed it. The other side can only have
  * made it better since, so the count need not be asked again. */
@@ -123,11 +117,7 @@ bool wait_while(waiters &side, std::int64_t timeout, const Stuck &stuck) {
         const int error = stay.sleep(timeout);
         if (timeout < 0)
             continue;
-        if (error == 0)
-            return !stuck();
-        if (!stuck()) // a signal that came just too late for this one is another's
-            side.pass_on();
-        return false;
+        return error == 0 && !stuck();
     }
     return true;
 }
