@@ -1,15 +1,18 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file xconf.h
- * @brief Files: tests, paths, and whole-file operations that are on the disk when they return.
+ * @brief Files: tests and paths, whole-file operations, configuration files edited in place,
+ * clean-up of directories by disk usage.
  *
- * Every file that is opened for writing here is opened with O_SYNC, so each write waits for the
- * disk. Failures are reported by the result, with errno as the failing call left it; a null path
- * counts as a path that cannot be opened. Nothing is printed. Only Fpath_dup() ends the process,
- * and file_sflush() where a line does not fit into memory.
+ * Every file that is opened for writing here is opened with O_SYNC, so that what a call writes is
+ * on the disk when it returns. Failures are reported by the result, with errno as the failing call
+ * left it; a null path counts as a path that cannot be opened. Only fcleanup() prints, and the
+ * process is ended only by Fpath_dup(), by fcleanup() without memory, and where a line that is read
+ * whole does not fit into memory.
  *
- * Functions without state: any thread may call them. Nothing guards against another process that
- * changes the same file between the steps of a call.
+ * Functions without state: any thread may call them, except for fcleanup(). Nothing guards against
+ * another process or thread that changes the same file between the steps of a call; callers
+ * serialise the edits of one file.
  *
  * @code{.c}
  * #include <stdlib.h>
@@ -36,6 +39,7 @@
 #define KEEL_XCONF_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "keel_export.h"
 
@@ -108,6 +112,153 @@ KEEL_API int file_copy(const char *source, const char *destination);
  * `buffer` is null or `size` is 0.
  */
 KEEL_API int file_sflush(const char *path, char *buffer, size_t size);
+
+/**
+ * @name Settings, one a line: a key, a separator of one character, a value
+ *
+ * "#" begins a comment line. A line is read in pieces of at most 1023 characters, each of which
+ * counts as a line. An edit writes the whole file anew into a side file, the path with "_bak"
+ * behind it, and renames that over the edited one, which is thus a new file with the owner and
+ * mode of one; until then it is left alone. Every line is written tidied: trimmed, each run of
+ * whitespace one blank, no blanks round the first separator; a separator that is not printable, and
+ * whitespace other than the blank, leaves lines as they are. What stands behind a NUL byte stays
+ * with its line.
+ *
+ * The editing functions return 0; -1, with the file as it was, where it is no regular file (a
+ * symbolic link is none), `key` is null or empty, `value` is empty, or null where it may not be,
+ * the side file's name is longer than 255 characters, either file cannot be opened, the side file
+ * cannot be written whole, or renaming fails. A side file that could be opened then stays, and the
+ * next edit overwrites it. The file is read to its end, or to where reading it fails.
+ * @{
+ */
+
+/** Writes the setting ahead of the first line with its key, or as the last line where no line has
+ * it. A setting that is there already is left, and a line of blanks stands where it was to go;
+ * what comes behind it is copied byte for byte. */
+KEEL_API int finsert(const char *path, const char *key, char separator, const char *value);
+
+/** Removes every line that holds this key with exactly this value; null: without a value. */
+KEEL_API int fremove(const char *path, const char *key, char separator, const char *value);
+
+/** Sets every line of the key to the value. Without such a line the file is tidied only. */
+KEEL_API int fmodify(const char *path, const char *key, char separator, const char *value);
+
+/** The edit with the number `operation`: 1 fmodify(), 2 finsert(), 3 fremove(). Others give -1. */
+KEEL_API int foperate(const char *path, int operation, const char *key, char separator,
+                      const char *value);
+
+/**
+ * Looks up the value of the first line with `key`, before whose separator whitespace may stand.
+ * Returns `buffer` of `size` bytes with the value, trimmed, cut to `size` - 1 characters, the rest
+ * zeroed. Null, with `buffer` left alone, where no line has the key, `path` cannot be opened, `key`
+ * is null or empty, `buffer` is null or `size` is 0.
+ */
+KEEL_API char *flookup(const char *path, const char *key, char separator, char *buffer,
+                       size_t size);
+
+/**
+ * Takes one item of a block; `index` counts those taken before. Must refuse, with a result other
+ * than 0, what does not fit: the library does not check. `line` may be written to, and is the
+ * callback's for the call only.
+ */
+typedef int (*bulk_item)(char *line, void *array, size_t size, size_t count, int index);
+
+/**
+ * Reads the first block of items whose line begins with `key`:
+ *
+ *     key {           # the brace here, or at the start of the next line
+ *         one item    # each on a line of its own
+ *         another }   # the brace here, or on a line of its own
+ *
+ * "#" begins a comment anywhere. Each item goes to `item` with whitespace folded; null takes them
+ * all. `array`, `size` and `count` are handed through; an array that is not null is first
+ * filled with `size` times `count` zero bytes.
+ *
+ * Returns the number of items taken, 0 where there is no such block; -1 where `key` is null or
+ * empty, `path` cannot be opened, or no brace follows the key.
+ */
+KEEL_API int bulk_lookup(const char *path, const char *key, void *array, size_t size, size_t count,
+                         bulk_item item);
+
+/** @} */
+
+/**
+ * @name Settings by a format: a key, any of a set of separators, a value
+ *
+ * Lines are of any length, and tidied as they are read: trimmed, each run of whitespace one blank.
+ * The key is what stands before the first separator, trimmed. An edit writes a side file, the path
+ * with ".bak" behind it, and renames it over the file as the edits above do; it returns 0, or -1
+ * with the file as it was, also where an argument is null or the text cannot be formatted. The
+ * process ends with status 1 where a line of an edited file cannot be copied for lack of memory.
+ * @{
+ */
+
+/**
+ * Scans the value of the first line of `key` as sscanf() does, "#" beginning a comment anywhere.
+ * Returns 0, also where nothing was found or scanned: preset the variables. -1 where `path` cannot
+ * be opened or an argument is null.
+ */
+KEEL_API int file_lookup_value(const char *path, const char *key, const char *separators,
+                               const char *format, ...) KEEL_SCANF(4, 5);
+
+/**
+ * Replaces the value of every line of `key` by the formatted text and keeps the line's separator.
+ * A line of the key alone gets its last character again as the separator.
+ */
+KEEL_API int file_replace_value(const char *path, const char *key, const char *separators,
+                                const char *format, ...) KEEL_PRINTF(4, 5);
+
+/**
+ * Replaces field `index` of the value in every line of `key`, counted from 1. Any of
+ * `field_separators` ends a field, several as one; the first of each run is kept. An `index` that
+ * no field has replaces nothing.
+ */
+KEEL_API int file_replace_value_value(const char *path, const char *key, const char *separators,
+                                      const char *field_separators, int index, const char *format,
+                                      ...) KEEL_PRINTF(6, 7);
+
+/** @} */
+
+/** What a clean-up is to reach. */
+typedef struct fs_limit {
+    uint32_t flags;     /**< Sum of the FS_LIMIT_... that apply. */
+    uint32_t max_usage; /**< Highest use, in percent. */
+    float min_free;     /**< Lowest free space, in gigabytes of 1073741824 bytes. */
+    float min_age;      /**< Days since its last access that a file is kept at least. */
+} fs_limit;
+
+/** Flags of `fs_limit`: which limits apply. */
+#define FS_LIMIT_USAGE 0x1u
+#define FS_LIMIT_FREE 0x2u
+#define FS_LIMIT_AGE 0x4u
+
+/**
+ * Measures the file system that holds `path`: its use in percent, rounded, the blocks reserved for
+ * root left out; and its free space in gigabytes, as derived from that percentage and the whole
+ * size. Results are stored where the pointer is not null. 0; -1 where it cannot be measured. A file
+ * system that has no blocks gives 0 and stores nothing.
+ */
+KEEL_API int get_fs_info(const char *path, unsigned *usage, float *free_gb);
+
+/** Measures and compares: 1 where a limit is broken, 0 where all that apply hold (one without
+ * blocks breaks none), -1 where the file system cannot be measured or `limit` is null. */
+KEEL_API int check_fs_info(const char *path, const fs_limit *limit);
+
+/**
+ * Deletes regular files below `directory`, whatever their file system, until that of `directory` is
+ * within `limit`: the least recently accessed first, of those accessed within the same second the
+ * larger. Directories, symbolic links and all else stay. Each deletion is told on standard output,
+ * "fcleanup:remove PATH.", and each that fails on standard error; the next file is tried then.
+ *
+ * The tree is walked once and held in memory, one path and one status record a file, in n log n
+ * time. One clean-up at a time: its list is the process's. Memory that runs out ends the process
+ * with status 1. A thread is not cancelled during the walk, but between deletions.
+ *
+ * Returns 0 where the limits hold, at once or afterwards; -1 where they could not be reached,
+ * measuring failed, an argument is null or `limit->flags` are above 7; the result of nftw() where
+ * the walk failed, with nothing deleted.
+ */
+KEEL_API int fcleanup(const char *directory, const fs_limit *limit);
 
 KEEL_END_DECLS
 

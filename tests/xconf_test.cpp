@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,7 +11,6 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -24,6 +22,7 @@
 #include "cancelled.h"
 #include "child.h"
 #include "descriptors.h"
+#include "process_limits.h"
 #include "small_disk.h"
 #include "temp_dir.h"
 
@@ -32,8 +31,10 @@ namespace {
 using keel_test::content_of;
 using keel_test::count_descriptors;
 using keel_test::exited;
+using keel_test::file_size_limit;
 using keel_test::run_in_child;
 using keel_test::temp_dir;
+using keel_test::umask_of;
 using keel_test::write_file;
 using std::filesystem::exists;
 
@@ -56,37 +57,6 @@ std::string repeated(const std::string &text, std::size_t size) {
     all.resize(size);
     return all;
 }
-
-class umask_of {
-  public:
-    explicit umask_of(mode_t mask) : former_(umask(mask)) {}
-    ~umask_of() { umask(former_); }
-    umask_of(const umask_of &) = delete;
-    umask_of &operator=(const umask_of &) = delete;
-
-  private:
-    mode_t former_;
-};
-
-/* Lets no file grow above `size` for a scope, and a write beyond it fail. */
-class file_size_limit {
-  public:
-    explicit file_size_limit(rlim_t size) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-        getrlimit(RLIMIT_FSIZE, &former_);
-        const rlimit limit = {size, former_.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~file_size_limit() {
-        setrlimit(RLIMIT_FSIZE, &former_);
-        std::signal(SIGXFSZ, handler_);
-    }
-    file_size_limit(const file_size_limit &) = delete;
-    file_size_limit &operator=(const file_size_limit &) = delete;
-
-  private:
-    void (*handler_)(int);
-    rlimit former_{};
-};
 
 /* ---- fexist --------------------------------------------------------------------------------- */
 

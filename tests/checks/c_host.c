@@ -14,8 +14,10 @@
 #include <unistd.h>
 
 #include <xconf.h>
+#include <xconvert.h>
 #include <xfifo.h>
 #include <xfsproc.h>
+#include <xgetopt.h>
 #include <xid.h>
 #include <xini.h>
 #include <xinotify.h>
@@ -179,6 +181,37 @@ static void use_xconf(const char *directory) {
     free(copy);
 }
 
+static int take_item(char *line, void *array, size_t size, size_t count, int index) {
+    if ((size_t)index == count)
+        return -1;
+    snprintf((char *)array + (size_t)index * size, size, "%s", line);
+    return 0;
+}
+
+static void use_xconf_settings(const char *directory) {
+    char *path = fpath_dup(directory, "settings.conf");
+    char value[16], items[2][8];
+    int port = 0;
+    CHECK(file_cover(path, "# ports\nport = 80\nhosts {\none\ntwo }\n") > 0);
+    CHECK(finsert(path, "port", '=', "8080") == 0 && fremove(path, "port", '=', "80") == 0);
+    CHECK(fmodify(path, "port", '=', "81") == 0 && foperate(path, 1, "port", '=', "82") == 0);
+    CHECK(flookup(path, "port", '=', value, sizeof value) == value && strcmp(value, "82") == 0);
+    CHECK(bulk_lookup(path, "hosts", items, sizeof items[0], 2, take_item) == 2);
+    CHECK(strcmp(items[0], "one") == 0 && strcmp(items[1], "two") == 0);
+    CHECK(file_replace_value(path, "port", "=", "%d,%d", 83, 84) == 0);
+    CHECK(file_replace_value_value(path, "port", "=", ",", 1, "%d", 85) == 0);
+    CHECK(file_lookup_value(path, "port", "=", "%*d,%d", &port) == 0 && port == 84);
+    free(path);
+}
+
+static void use_xconf_cleanup(const char *directory) {
+    unsigned usage = 101;
+    float free_gb = -1;
+    fs_limit limit = {FS_LIMIT_USAGE | FS_LIMIT_FREE | FS_LIMIT_AGE, 100, 0, 0};
+    CHECK(get_fs_info(directory, &usage, &free_gb) == 0 && usage <= 100 && free_gb >= 0);
+    CHECK(check_fs_info(directory, &limit) == 0 && fcleanup(directory, &limit) == 0);
+}
+
 static void use_xini(const char *directory) {
     char *path = fpath_dup(directory, "settings.ini");
     file_cover(path, "a = 1\n[s]\nb = 2\n");
@@ -193,6 +226,34 @@ static void use_xini(const char *directory) {
     fclose(file);
     CHECK(ini_unload(&table) == 0);
     free(path);
+}
+
+static void use_xconvert(void) {
+    static const convert_desc table[] = {{1, "one"}, {2, "two"}};
+    unsigned char bytes[2];
+    char text[5];
+    uint32_t value = 0;
+    CHECK(convert_str2bcd(bytes, sizeof bytes, "123") == 2 && bytes[0] == 0x01 && bytes[1] == 0x23);
+    CHECK(convert_str2bch(bytes, sizeof bytes, "0a1b") == 2);
+    CHECK(convert_bch2str(text, sizeof text, bytes, 2) == 0 && strcmp(text, "0A1B") == 0);
+    CHECK(convert_desc2enum(table, 2, "two", &value) == 0 && value == 2);
+    CHECK(strcmp(convert_enum2desc(table, 2, 1), "one") == 0);
+}
+
+static int options_seen;
+
+static int take_option(int value, int index) {
+    options_seen += value == 'a' && strcmp(optarg, "1") == 0 && index == options_seen;
+    return 0;
+}
+
+static void use_xgetopt(char *program) {
+    static const struct option options[] = {
+        {"b", 0, NULL, 'b'}, {"all", 1, NULL, 'a'}, {NULL, 0, NULL, 0}};
+    char first[] = "-a1", second[] = "--all=1";
+    char *argv[] = {program, first, second, NULL};
+    xgetopt(3, argv, "a:", options, take_option, "usage\n");
+    CHECK(options_seen == 2 && optind == 3);
 }
 
 static void use_xlog(char *argv[], const char *directory) {
@@ -353,7 +414,11 @@ int main(int argc, char *argv[]) {
     use_xstring();
     use_xstdio(directory);
     use_xconf(directory);
+    use_xconf_settings(directory);
+    use_xconf_cleanup(directory);
     use_xini(directory);
+    use_xconvert();
+    use_xgetopt(argv[0]);
     use_xfifo();
     use_xqueue();
     use_xqueue2();

@@ -15,11 +15,9 @@ namespace keel_test {
 /* A directory for one test, removed with all that is in it. */
 class temp_dir {
   public:
-    temp_dir() {
-        char name[] = "/tmp/keel-test-XXXXXX";
-        if (mkdtemp(name) == nullptr)
+    explicit temp_dir(const std::string &parent = "/tmp") : path_(parent + "/keel-test-XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr)
             throw std::runtime_error("no temporary directory");
-        path_ = name;
     }
     ~temp_dir() { std::filesystem::remove_all(path_); }
     temp_dir(const temp_dir &) = delete;
