@@ -3,10 +3,11 @@
  * watchkeeper - the watch on a host.
  *
  * Every few seconds it takes a snapshot of the host and logs one line: how busy each processor is,
- * how full memory and swap are, how long the host has been up. Less often it sums up what it saw. A
- * timer has its pooled workers do both, and reports on standard output. SIGTERM and SIGINT end the
- * service, and the log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside
- * this file the settings.
+ * how full memory and swap are, how long the host has been up. Less often it sums up what it saw,
+ * and deletes the oldest files of directories whose disk is too full. A timer has its pooled workers
+ * do all that, and reports on standard output. SIGTERM and SIGINT end the service, and the log is
+ * archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the settings,
+ * which `watchkeeper --set` changes.
  */
 #include <algorithm>
 #include <cinttypes>
@@ -19,11 +20,16 @@
 #include <cstring>
 #include <ctime>
 #include <getopt.h>
+#include <fstream>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <xconf.h>
 #include <xfsproc.h>
+#include <xgetopt.h>
 #include <xini.h>
 #include <xlog.h>
 #include <xstring.h>
@@ -45,6 +51,12 @@ struct thresholds {
 struct intervals {
     long snapshot = 1;
     long summary = 60;
+    long cleanup = 60;
+};
+
+struct clean_directory {
+    std::string path;
+    fs_limit limit;
 };
 
 struct settings {
@@ -53,6 +65,7 @@ struct settings {
     log_conf log{};
     thresholds warn{80, 85, 50};
     thresholds crit{101, 95, 90};
+    std::vector<clean_directory> cleanup{};
 };
 
 [[noreturn]] [[gnu::format(printf, 1, 2)]] void complain(const char *format, ...) {
@@ -82,6 +95,31 @@ std::int32_t language(const char *text) {
     return text[0] == 'c' ? 1 : 0;
 }
 
+/* Limits of a directory, such as "90 %, 1.5 GB, 7 days": the highest use of its disk, the lowest
+ * free space there, how young a file is kept at least. */
+fs_limit limits(const ini_entry &entry) {
+    fs_limit limit{};
+    std::istringstream fields(entry.value);
+    for (std::string field; std::getline(fields, field, ',');) {
+        float amount = -1;
+        char unit[8] = "";
+        std::sscanf(field.c_str(), "%f %7s", &amount, unit);
+        if (amount >= 0 && amount <= 100 && std::strcmp(unit, "%") == 0) {
+            limit.flags |= FS_LIMIT_USAGE;
+            limit.max_usage = static_cast<std::uint32_t>(amount);
+        } else if (amount >= 0 && std::strcmp(unit, "GB") == 0) {
+            limit.flags |= FS_LIMIT_FREE;
+            limit.min_free = amount;
+        } else if (amount >= 0 && std::strcmp(unit, "days") == 0) {
+            limit.flags |= FS_LIMIT_AGE;
+            limit.min_age = amount;
+        } else {
+            complain("%s = \"%s\" is not like \"90 %%, 1.5 GB, 7 days\"", entry.key, entry.value);
+        }
+    }
+    return limit;
+}
+
 /* Takes one entry of the settings file. A name that nobody knows is a slip of the pen, and better
  * said than ignored. */
 void take(settings &to, const ini_entry &entry) {
@@ -93,6 +131,10 @@ void take(settings &to, const ini_entry &entry) {
         to.tasks.snapshot = value(1, 86400);
     else if (key == "tasks::summary")
         to.tasks.summary = value(1, 86400);
+    else if (key == "cleanup::interval")
+        to.tasks.cleanup = value(1, 86400);
+    else if (key.starts_with("cleanup::/"))
+        to.cleanup.push_back({key.substr(std::strlen("cleanup::")), limits(entry)});
     else if (key == "log::directory")
         to.directory = entry.value;
     else if (key == "log::levels")
@@ -129,7 +171,117 @@ settings read_settings(const char *path) {
     ini_unload(&file);
     if (fexist(read.directory.c_str(), 1) != 0)
         complain("log::directory = \"%s\" is not a directory", read.directory.c_str());
+    for (const clean_directory &clean : read.cleanup)
+        if (fexist(clean.path.c_str(), 1) != 0)
+            complain("cleanup::%s is not a directory", clean.path.c_str());
     return read;
+}
+
+/* ---- Changing a setting --------------------------------------------------------------------- */
+
+/* A setting as it is given with --set: "section.key=value". */
+struct new_setting {
+    std::string section;
+    std::string key;
+    std::string value;
+
+    explicit new_setting(const std::string &text) {
+        const std::size_t dot = text.find('.');
+        const std::size_t equals = text.find('=', dot);
+        if (dot == text.npos || equals == text.npos || text.find_first_of("#\n") != text.npos)
+            complain("--set \"%s\" is not like \"section.key=value\"", text.c_str());
+        section = text.substr(0, dot);
+        key = text.substr(dot + 1, equals - dot - 1);
+        value = text.substr(equals + 1);
+    }
+};
+
+std::string trimmed(std::string_view text) {
+    std::string copy(text);
+    return strtrim2(copy.data());
+}
+
+/* The lines of a settings file, to be changed where they stand: comments and the order stay. */
+class settings_lines {
+  public:
+    explicit settings_lines(std::istream &file) {
+        for (std::string line; std::getline(file, line);)
+            lines_.push_back(line);
+    }
+
+    void set(const new_setting &setting) {
+        std::size_t last = 0; /* behind the last line of the section that is not blank */
+        bool inside = false;
+        bool found = false;
+        for (std::size_t i = 0; i < lines_.size(); i++) {
+            const std::string line = trimmed(without_comment(lines_[i]));
+            if (line.starts_with('[') || line.starts_with('{'))
+                inside = line.substr(1, line.find_first_of("]}") - 1) == setting.section;
+            if (!inside || trimmed(lines_[i]).empty())
+                continue;
+            last = i + 1;
+            const std::size_t equals = line.find('=');
+            if (equals != line.npos && trimmed(line.substr(0, equals)) == setting.key) {
+                replace_value(lines_[i], setting.value);
+                found = true;
+            }
+        }
+        if (found)
+            return;
+        if (last == 0) {
+            lines_.insert(lines_.end(), {"", '[' + setting.section + ']'});
+            last = lines_.size();
+        }
+        lines_.insert(lines_.begin() + static_cast<std::ptrdiff_t>(last),
+                      setting.key + " = " + setting.value);
+    }
+
+    std::string text() const {
+        std::string all;
+        for (const std::string &line : lines_)
+            all += line + '\n';
+        return all;
+    }
+
+  private:
+    static std::string_view without_comment(std::string_view line) {
+        return line.substr(0, line.find('#'));
+    }
+
+    /* A comment behind the value keeps its column where there is room. */
+    static void replace_value(std::string &line, const std::string &value) {
+        const std::size_t comment = line.find('#');
+        std::string changed = line.substr(0, line.find('=') + 1) + ' ' + value;
+        if (comment != line.npos) {
+            changed.resize(std::max(changed.size() + 1, comment), ' ');
+            changed += line.substr(comment);
+        }
+        line = changed;
+    }
+
+    std::vector<std::string> lines_;
+};
+
+/* Changes settings in their file. The new file is whole and on the disk before it takes the old
+ * one's place. */
+void change_settings(const char *path, const std::vector<new_setting> &changes) {
+    for (const new_setting &change : changes) {
+        settings checked;
+        std::string key = change.section + "::" + change.key;
+        std::string value = change.value;
+        take(checked, {key.data(), value.data()});
+    }
+    std::ifstream file(path);
+    settings_lines lines(file);
+    if (fexist(path, 0) != 0 || !file.eof())
+        complain("cannot read the settings in \"%s\"", path);
+    for (const new_setting &change : changes)
+        lines.set(change);
+    const std::string text = lines.text();
+    const std::string side = std::string(path) + ".new";
+    if (file_cover(side.c_str(), "%s", text.c_str()) != static_cast<int>(text.size()) ||
+        std::rename(side.c_str(), path) != 0)
+        complain("cannot change \"%s\": %s", path, strerror(errno));
 }
 
 /* ---- The watch ------------------------------------------------------------------------------ */
@@ -142,6 +294,7 @@ struct watch {
     std::uint64_t looks = 0;
     double busiest_cpu = 0; /* since the last summary */
     double fullest_memory = 0;
+    std::mutex cleaning{};
 };
 
 double busiest_cpu() {
@@ -216,6 +369,36 @@ void *summary(void *watch_) {
     return nullptr;
 }
 
+/* Makes room on the disk of one directory, and tells what came of it. */
+void clean_up(const clean_directory &clean) {
+    const char *path = clean.path.c_str();
+    unsigned before = 0;
+    unsigned after = 0;
+    float free_gb = 0;
+    if (get_fs_info(path, &before, &free_gb) == -1) {
+        log_print(0, warning, "cannot measure the disk of %s", path);
+        return;
+    }
+    if (check_fs_info(path, &clean.limit) == 0)
+        return;
+    const int result = fcleanup(path, &clean.limit);
+    get_fs_info(path, &after, &free_gb);
+    log_print(0, result == 0 ? notice : warning,
+              "%s %s: its disk was %u%% full and is %u%%, %.1f GB free",
+              result == 0 ? "cleaned up" : "cannot make room in", path, before, after,
+              static_cast<double>(free_gb));
+}
+
+/* Task: clean-ups. The library does one at a time; a run that meets another one leaves it to it. */
+void *clean_directories(void *watch_) {
+    watch &self = *static_cast<watch *>(watch_);
+    const std::unique_lock guard(self.cleaning, std::try_to_lock);
+    if (guard.owns_lock())
+        for (const clean_directory &clean : self.set.cleanup)
+            clean_up(clean);
+    return nullptr;
+}
+
 bool repeat(timer &clock, thread_routine task, watch &arg, long seconds) {
     const std::int64_t milliseconds = seconds * 1000;
     return clock.schedule(&clock, task, &arg, milliseconds, -1, milliseconds) != -1;
@@ -252,7 +435,9 @@ bool keep_watch(const settings &set, long seconds, const sigset_t &ending) {
         return false;
     const bool started = clock->start(clock, snapshot, &shared, 0) == 0 &&
                          repeat(*clock, snapshot, shared, set.tasks.snapshot) &&
-                         repeat(*clock, summary, shared, set.tasks.summary);
+                         repeat(*clock, summary, shared, set.tasks.summary) &&
+                         (set.cleanup.empty() ||
+                          repeat(*clock, clean_directories, shared, set.tasks.cleanup));
     const int signal = started ? wait_for_end(seconds, ending) : 0;
     clock->del(clock); // cancels what runs; from here on nothing else logs
     if (signal != 0)
@@ -262,38 +447,61 @@ bool keep_watch(const settings &set, long seconds, const sigset_t &ending) {
     return started;
 }
 
+/* ---- The command line ----------------------------------------------------------------------- */
+
+constexpr char usage_text[] =
+    "usage: watchkeeper [--seconds N] SETTINGS\n"
+    "       watchkeeper --set SECTION.KEY=VALUE... SETTINGS\n"
+    "Watches this host and logs what it sees, as the file SETTINGS says.\n"
+    "  --seconds N              end after N seconds\n"
+    "  --set SECTION.KEY=VALUE  change a setting in the file, and end\n"
+    "  --help                   show this\n";
+
 struct command_line {
-    const char *path;
+    const char *path = nullptr;
     long seconds = 0;
+    std::vector<new_setting> changes{};
+    char **arguments = nullptr;
+    int taken = 1; /* of them by the program's name, the options and their values */
 };
 
-command_line parse(int argc, char *argv[]) {
-    constexpr char usage[] = "usage: watchkeeper [--seconds N] SETTINGS\n"
-                             "Watches this host and logs what it sees, as SETTINGS says.\n"
-                             "  --seconds N  end after N seconds\n";
+/* xgetopt() hands nothing through to its handler. */
+command_line given;
+
+int take_option(int option, int) {
+    if (option == 'h') {
+        std::fputs(usage_text, stdout);
+        std::exit(0);
+    }
+    const bool value_apart = optarg == given.arguments[optind - 1];
+    given.taken += value_apart ? 2 : 1;
+    if (option == 's')
+        given.seconds = number("--seconds", optarg, 1, 366L * 86400);
+    else
+        given.changes.emplace_back(optarg);
+    return 0;
+}
+
+void parse(int argc, char *argv[]) {
     constexpr option options[] = {{"seconds", required_argument, nullptr, 's'},
+                                  {"set", required_argument, nullptr, 'e'},
                                   {"help", no_argument, nullptr, 'h'},
                                   {nullptr, 0, nullptr, 0}};
-    command_line given{};
-    for (int option; (option = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
-        if (option == 'h') {
-            std::fputs(usage, stdout);
-            std::exit(0);
-        }
-        if (option != 's')
-            std::exit(bad_usage); // getopt_long() has said why
-        given.seconds = number("--seconds", optarg, 1, 366L * 86400);
-    }
-    if (argc - optind != 1)
-        complain("give one settings file\n%s", usage);
-    given.path = argv[optind];
-    return given;
+    given.arguments = argv;
+    xgetopt(argc, argv, nullptr, options, take_option, usage_text);
+    if (argc - given.taken != 1)
+        complain("give one settings file\n%s", usage_text);
+    given.path = argv[argc - 1]; /* xgetopt() moves what is no option to the end */
 }
 
 } // namespace
 
 int main(int argc, char *argv[]) {
-    const command_line given = parse(argc, argv);
+    parse(argc, argv);
+    if (!given.changes.empty()) {
+        change_settings(given.path, given.changes);
+        return 0;
+    }
     settings set = read_settings(given.path);
 
     sigset_t ending;
