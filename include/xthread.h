@@ -16,7 +16,8 @@
  * to such a place is never stopped, and holds up whoever stops it.
  *
  * Results are 0, and -1 where something failed, a null record among it. Memory that runs out ends
- * the process, as xmemory.h says.
+ * the process, as xmemory.h says, or with the system's text behind "threadpool_new" or
+ * "thread_run_for_pool" and exit status 1. A thread is not cancelled while it deletes a pool.
  *
  * @code{.c}
  * #include <semaphore.h>
@@ -139,8 +140,8 @@ KEEL_API void thread_necrology_to_pool(void *self);
  * it waited there. */
 KEEL_API void thread_unlock(void *self);
 
-/** A running, detached worker for `workers`. Null, with "thread_new_for_pool : error.\n" on
- * standard error, where there is none. */
+/** A running, detached worker for `workers`. Null, with
+ * "thread_new_for_pool : error.\n" on standard error, where there is none or `workers` is null. */
 KEEL_API thread *thread_new_for_pool(threadpool *workers);
 
 /** thread_stop(), then thread_del(). -1 where either failed. */

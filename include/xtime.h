@@ -13,7 +13,8 @@
  *
  * Every operation reports itself on standard output, each report in one piece. Results are as said
  * with each function; a null timer gives -1. Memory that runs out ends the process, as xmemory.h
- * says, or with the system's text behind "timer_new" or "timer_schedule" and exit status 1.
+ * and xthread.h say, or with the system's text behind "timer_new" or "timer_schedule" and exit
+ * status 1. A thread is not cancelled while it deletes a timer.
  *
  * @code{.c}
  * #include <semaphore.h>
@@ -79,7 +80,7 @@ typedef struct timer_list {
     uint64_t count;
     void (*destroy)(timertask **data);                /**< timertask_del() */
     void (*copy)(timertask **data, timertask **item); /**< null: the pointer is stored as it is */
-    int32_t (*compare)(timertask **a, timertask **b); /**< the order, or null */
+    int32_t (*compare)(timertask **a, timertask **b); /**< the order it is kept in, or null */
 } timer_list;
 
 /** A timer, made by timer_new() alone. */
@@ -131,11 +132,11 @@ KEEL_API int timer_cancel(timer *self, int32_t id);
 KEEL_API int timer_del(timer *self);
 
 /** A new task, with an identifier, due in `msec` milliseconds; null, with a message, where no
- * identifier is left. With the timer's lock held. */
+ * identifier is left, and for a null timer. With the timer's lock held. */
 KEEL_API timertask *timertask_new(timer *self, thread_routine routine, void *arg, int64_t msec,
                                   int32_t times, int64_t gap);
 
-/** Frees the task and sets the caller's pointer to null. */
+/** Frees the task and sets the caller's pointer to null. A null `task` does nothing. */
 KEEL_API void timertask_del(timertask **task);
 
 /**

@@ -245,8 +245,10 @@ bool make_queue(threadpool &self, const ring_queue_param &param) {
 
 void stop_workers(vector &table) {
     for (std::int32_t i = std::max(table.first, 0); i < table.top; i++)
-        if (table.items[i] != nullptr)
-            table.destroy(static_cast<thread *>(std::exchange(table.items[i], nullptr)));
+        if (table.items[i] != nullptr) {
+            table.destroy(static_cast<thread *>(table.items[i]));
+            table.items[i] = nullptr;
+        }
 }
 
 void vector_del(vector *table) {
@@ -377,7 +379,7 @@ void thread_unlock(void *record) {
  */
 
 thread *thread_new_for_pool(threadpool *workers) {
-    thread *self = thread_new(1);
+    thread *self = workers == nullptr ? nullptr : thread_new(1);
     if (self != nullptr) {
         self->pool = workers;
         if (thread_start(self, thread_run_for_pool, self) == 0)
@@ -409,6 +411,9 @@ void *thread_run_for_pool(void *record) {
         count_off(self);
         const bool own_exit = task.routine == thread_exit_for_pool && task.arg == nullptr;
         task.routine(own_exit ? record : task.arg);
+        /* Whatever the task left: a worker is to be stopped, at its next cancellation point. */
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+        pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
     }
 }
 
@@ -442,6 +447,7 @@ int threadpool_exec(threadpool *self, thread_routine routine, void *arg) {
 int threadpool_del(threadpool *self) {
     if (self == nullptr)
         return -1;
+    const keel::cancel_shield shield; // a pool half deleted can be neither used nor deleted
     {
         const mutex_lock lock(self->lock);
         self->state = inactive;

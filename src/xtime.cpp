@@ -9,7 +9,6 @@
 #include <pthread.h>
 #include <set>
 #include <sys/prctl.h>
-#include <sys/time.h>
 #include <tuple>
 #include <utility>
 
@@ -275,7 +274,8 @@ void free_timer(indexed_timer *self) {
 /* All that was made, its thread not running, or not any more. */
 void take_apart(indexed_timer *self) {
     thread_del(self->thread);
-    threadpool_del(self->pool);
+    if (self->pool != nullptr)
+        self->pool->del(self->pool);
     if (self->ids != nullptr) {
         idproducer_del(self->ids);
         del_list(self->ready);
@@ -364,6 +364,7 @@ int timer_cancel(timer *self, std::int32_t id) {
 int timer_del(timer *self) {
     if (self == nullptr)
         return -1;
+    const keel::cancel_shield shield; // a timer half deleted can be neither used nor deleted
     self->thread->stop(self->thread);
     take_apart(&indexed(*self));
     return 0;
@@ -371,6 +372,8 @@ int timer_del(timer *self) {
 
 timertask *timertask_new(timer *self, thread_routine routine, void *arg, std::int64_t msec,
                          std::int32_t times, std::int64_t gap) {
+    if (self == nullptr)
+        return nullptr;
     const std::int32_t id = idproducer_alloc(self->ids, nullptr);
     if (id == -1) {
         announce(stderr, "timertask_new : There has no timer id now.\n");
@@ -389,7 +392,8 @@ timertask *timertask_new(timer *self, thread_routine routine, void *arg, std::in
 }
 
 void timertask_del(timertask **task) {
-    xfree(0, std::exchange(*task, nullptr));
+    if (task != nullptr)
+        xfree(0, std::exchange(*task, nullptr));
 }
 
 std::int32_t timertask_sort(timertask **a, timertask **b) {

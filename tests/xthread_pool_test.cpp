@@ -233,6 +233,8 @@ TEST_F(Threadpool, RefusesUnusableBoundsSilently) {
 TEST_F(Threadpool, RefusesNull) {
     EXPECT_EQ(threadpool_exec(nullptr, give_back, nullptr), -1);
     EXPECT_EQ(threadpool_del(nullptr), -1);
+    const auto refused = [] { _exit(thread_new_for_pool(nullptr) == nullptr ? 0 : 1); };
+    EXPECT_EQ(run_in_child(refused), keel_test::exited(0, "thread_new_for_pool : error.\n"));
 }
 
 TEST_F(Threadpool, EndsWithoutMemoryForItsTable) {
@@ -627,6 +629,19 @@ TEST_F(Threadpool, DeletionCancelsRunningTasksAndDropsQueuedOnes) {
     EXPECT_EQ(threadpool_del(workers), 0);
     EXPECT_EQ(running.cancelled, 6);
     EXPECT_EQ(queued.calls, 0);
+}
+
+TEST_F(Threadpool, DeletionTakesWorkersWhoseTaskTurnedCancellationOff) {
+    threadpool *workers = threadpool_new(6, 6, 4, 4, 16);
+    semaphore done;
+    const auto turn_off = [](void *posted) -> void * {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        static_cast<semaphore *>(posted)->post();
+        return nullptr;
+    };
+    EXPECT_EQ(threadpool_exec(workers, turn_off, &done), 0);
+    done.wait();
+    EXPECT_EQ(threadpool_del(workers), 0);
 }
 
 TEST_F(Threadpool, DeletionWaitsForATaskThatCannotBeCancelled) {

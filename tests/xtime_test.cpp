@@ -173,6 +173,8 @@ TEST_F(TimerTexts, EachNewTimerWarnsOfItsIdentifiers) {
 
 TEST_F(Timers, NobodyDeletesNull) {
     EXPECT_EQ(timer_del(nullptr), -1);
+    EXPECT_EQ(timertask_new(nullptr, nullptr, nullptr, 1, 1, 0), nullptr);
+    timertask_del(nullptr);
     timer *clock = timer_new();
     EXPECT_EQ(clock->del(clock), 0);
 }
