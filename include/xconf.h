@@ -4,11 +4,11 @@
  * @brief Files: tests and paths, whole-file operations, configuration files edited in place,
  * clean-up of directories by disk usage.
  *
- * Every file that is opened for writing here is opened with O_SYNC, so that what a call writes is
- * on the disk when it returns. Failures are reported by the result, with errno as the failing call
- * left it; a null path counts as a path that cannot be opened. Only fcleanup() prints, and the
- * process is ended only by Fpath_dup(), by fcleanup() without memory, and where a line that is read
- * whole does not fit into memory.
+ * Every file that is opened for writing here is opened with O_SYNC, so that the bytes that a call
+ * writes are on the disk when it returns. Failures are reported by the result, with errno as the
+ * failing call left it; a null path counts as a path that cannot be opened. Only fcleanup() prints,
+ * and the process is ended only by Fpath_dup(), by fcleanup() without memory, and where a line that
+ * is read whole does not fit into memory.
  *
  * Functions without state: any thread may call them, except for fcleanup(). Nothing guards against
  * another process or thread that changes the same file between the steps of a call; callers
@@ -121,13 +121,15 @@ KEEL_API int file_sflush(const char *path, char *buffer, size_t size);
  * behind it, and renames that over the edited one, which is thus a new file with the owner and
  * mode of one; until then it is left alone. Every line is written tidied: trimmed, each run of
  * whitespace one blank, no blanks round the first separator; a separator that is not printable, and
- * whitespace other than the blank, leaves lines as they are. What stands behind a NUL byte stays
- * with its line.
+ * whitespace other than the blank, leaves lines as they are: their newline is then a part of them,
+ * so that only a last line without one equals a setting. What stands behind a NUL byte stays with
+ * its line.
  *
  * The editing functions return 0; -1, with the file as it was, where it is no regular file (a
- * symbolic link is none), `key` is null or empty, `value` is empty, or null where it may not be,
- * the side file's name is longer than 255 characters, either file cannot be opened, the side file
- * cannot be written whole, or renaming fails. A side file that could be opened then stays, and the
+ * symbolic link is none), `key` is null or empty, `separator` is NUL, `value` is empty, or null
+ * where it may not be, the side file's name is longer than 255 characters, memory runs out, either
+ * file cannot be opened, both are the same, the side file cannot be written whole, or renaming
+ * fails. A side file that could be opened then stays, and the
  * next edit overwrites it. The file is read to its end, or to where reading it fails.
  * @{
  */
@@ -175,7 +177,7 @@ typedef int (*bulk_item)(char *line, void *array, size_t size, size_t count, int
  * filled with `size` times `count` zero bytes.
  *
  * Returns the number of items taken, 0 where there is no such block; -1 where `key` is null or
- * empty, `path` cannot be opened, or no brace follows the key.
+ * empty, `path` cannot be opened, or the line behind the key begins without a brace.
  */
 KEEL_API int bulk_lookup(const char *path, const char *key, void *array, size_t size, size_t count,
                          bulk_item item);
@@ -188,8 +190,9 @@ KEEL_API int bulk_lookup(const char *path, const char *key, void *array, size_t 
  * Lines are of any length, and tidied as they are read: trimmed, each run of whitespace one blank.
  * The key is what stands before the first separator, trimmed. An edit writes a side file, the path
  * with ".bak" behind it, and renames it over the file as the edits above do; it returns 0, or -1
- * with the file as it was, also where an argument is null or the text cannot be formatted. The
- * process ends with status 1 where a line of an edited file cannot be copied for lack of memory.
+ * with the file as it was, also where an argument is null, the text cannot be formatted or the file
+ * cannot be read to its end. The process ends with status 1 where a line of an edited file cannot
+ * be copied for lack of memory.
  * @{
  */
 
@@ -251,8 +254,10 @@ KEEL_API int check_fs_info(const char *path, const fs_limit *limit);
  * "fcleanup:remove PATH.", and each that fails on standard error; the next file is tried then.
  *
  * The tree is walked once and held in memory, one path and one status record a file, in n log n
- * time. One clean-up at a time: its list is the process's. Memory that runs out ends the process
- * with status 1. A thread is not cancelled during the walk, but between deletions.
+ * time. (Seconds and sizes are compared by the low 32 bits of their difference: files accessed 2^31
+ * seconds apart, or within one second but 2^31 bytes apart in size, cost n squared.) One clean-up
+ * at a time: its list is the process's. Memory that runs out ends the process with status 1. A
+ * thread is not cancelled during the walk, but between deletions.
  *
  * Returns 0 where the limits hold, at once or afterwards; -1 where they could not be reached,
  * measuring failed, an argument is null or `limit->flags` are above 7; the result of nftw() where

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <unistd.h>
 #include <utility>
@@ -54,5 +55,17 @@ class unique_fd {
   private:
     int descriptor_;
 };
+
+/* The file at `path` as a stream, or null. A thread that is cancelled while it waits in fopen()
+ * leaves the stream behind. */
+inline unique_file open_to_read(const char *path) {
+    if (path == nullptr)
+        return nullptr;
+    unique_fd descriptor(::open(path, O_RDONLY | O_CLOEXEC));
+    unique_file file(descriptor ? fdopen(descriptor.get(), "r") : nullptr);
+    if (file != nullptr)
+        descriptor.release();
+    return file;
+}
 
 } // namespace keel

@@ -162,7 +162,7 @@ int file_copy(const char *source, const char *destination) {
 int file_sflush(const char *path, char *buffer, std::size_t size) {
     if (path == nullptr || buffer == nullptr || size == 0)
         return -1;
-    const keel::unique_file file(std::fopen(path, "re"));
+    const keel::unique_file file = keel::open_to_read(path);
     if (file == nullptr)
         return -1;
     std::memset(buffer, 0, size);
@@ -206,7 +206,8 @@ class piece_reader {
   public:
     explicit piece_reader(int file) : file_(file) {}
 
-    /* The next piece, with its newline; null behind the last one and where reading fails. */
+    /* The next piece, with its newline; null behind the last one and where reading fails, which
+     * also drops what was read of the piece. */
     char *next() {
         length_ = 0;
         bool ended = false;
@@ -223,7 +224,7 @@ class piece_reader {
             at_ += taken;
         }
         text_[length_] = '\0';
-        return length_ > 0 ? text_ : nullptr;
+        return length_ > 0 && !failed_ ? text_ : nullptr;
     }
 
     std::size_t length() const { return length_; }
@@ -236,6 +237,7 @@ class piece_reader {
             do
                 length = read(file_, block_, sizeof block_);
             while (length == -1 && errno == EINTR);
+        failed_ = length == -1;
         at_ = 0;
         end_ = length > 0 ? static_cast<std::size_t>(length) : 0;
         ended_ = end_ == 0;
@@ -247,6 +249,7 @@ class piece_reader {
     std::size_t at_ = 0;
     std::size_t end_ = 0;
     std::size_t length_ = 0;
+    bool failed_ = false;
     char text_[1024];
     char block_[8192];
 };
@@ -341,9 +344,10 @@ int fmodify(const char *path, const char *key, char separator, const char *value
 }
 
 int foperate(const char *path, int operation, const char *key, char separator, const char *value) {
-    if (fexist(path, 0) != 0 || operation < modify || operation > remove_line || empty(key))
+    if (fexist(path, 0) != 0 || operation < modify || operation > remove_line)
         return -1;
-    if (value == nullptr ? operation != remove_line : *value == '\0')
+    const bool no_value = value == nullptr ? operation != remove_line : *value == '\0';
+    if (empty(key) || separator == '\0' || no_value)
         return -1;
     char side_name[256];
     if (std::snprintf(side_name, sizeof side_name, "%s_bak", path) >= int{sizeof side_name})
@@ -522,7 +526,7 @@ int replace_values(const char *path, const replacement &by) {
     if (path == nullptr || by.key == nullptr || by.separators == nullptr ||
         by.text.data() == nullptr)
         return -1;
-    const keel::unique_file from(std::fopen(path, "re"));
+    const keel::unique_file from = keel::open_to_read(path);
     const keel::unique_cstr side_name(strdup_cat(path, ".bak", nullptr));
     keel::side_file side;
     if (side_name == nullptr || from == nullptr || !side.open(side_name.get(), fileno(from.get())))
@@ -547,7 +551,7 @@ int file_lookup_value(const char *path, const char *key, const char *separators,
                       ...) {
     if (path == nullptr || key == nullptr || separators == nullptr || format == nullptr)
         return -1;
-    const keel::unique_file file(std::fopen(path, "re"));
+    const keel::unique_file file = keel::open_to_read(path);
     if (file == nullptr)
         return -1;
     keel::line_buffer lines;
@@ -606,57 +610,7 @@ void dt_foreach(const candidate &file) {
     keel::announce(stdout, "--> %s\n--> %ld\n", file.path, file.status.st_atim.tv_sec);
 }
 
-/* Less than 0 where `a` is to be deleted before `b`: the less recently accessed, then the larger.
- * The low half of the difference, whose sign is wrong from 2^31 on. */
-std::int32_t dt_sort(const candidate &a, const candidate &b) {
-    const auto difference = [](std::int64_t from, std::int64_t what) {
-        return static_cast<std::uint64_t>(from) - static_cast<std::uint64_t>(what);
-    };
-    const std::uint64_t accessed = difference(a.status.st_atim.tv_sec, b.status.st_atim.tv_sec);
-    return static_cast<std::int32_t>(
-        accessed != 0 ? accessed : difference(b.status.st_size, a.status.st_size));
-}
-
 using candidates = std::list<candidate>;
-
-/* The files of a clean-up, the next to be deleted first. */
-struct candidate_list {
-    candidate_list() = default;
-    ~candidate_list() {
-        while (!files.empty())
-            drop_first();
-    }
-    candidate_list(const candidate_list &) = delete;
-    candidate_list &operator=(const candidate_list &) = delete;
-
-    void drop_first() {
-        release(files.front());
-        files.pop_front();
-    }
-
-    candidates files;
-    void (*release)(candidate &) = dt_free;
-    void (*print)(const candidate &) = dt_foreach;
-    std::int32_t (*order)(const candidate &, const candidate &) = dt_sort;
-};
-
-/* nftw() hands nothing through to its callback. */
-candidate_list *reg_lst = nullptr;
-
-/* Puts a regular file ahead of those met before. */
-int nftw_func(const char *path, const struct stat *status, int type, struct FTW *) {
-    if (type != FTW_F || !S_ISREG(status->st_mode))
-        return 0;
-    char *copy = strdup(path);
-    if (copy == nullptr)
-        keel::end_process(1);
-    try {
-        reg_lst->files.push_front({copy, *status});
-    } catch (const std::bad_alloc &) {
-        keel::end_explained("nftw_func");
-    }
-    return 0;
-}
 
 /* Where a candidate stands in the order, with what decides it at hand. */
 struct place {
@@ -674,14 +628,65 @@ struct place {
 
 using places = std::vector<place>;
 
+/* Less than 0 where `a` is to be deleted before `b`: the less recently accessed, then the larger.
+ * The low half of the difference, whose sign is wrong from 2^31 on. */
+std::int32_t dt_sort(const place &a, const place &b) {
+    const auto difference = [](std::int64_t from, std::int64_t what) {
+        return static_cast<std::uint64_t>(from) - static_cast<std::uint64_t>(what);
+    };
+    const std::uint64_t accessed = difference(a.accessed, b.accessed);
+    return static_cast<std::int32_t>(accessed != 0 ? accessed : difference(b.size, a.size));
+}
+
+/* The files of a clean-up as the walk met them, and their order, the next to be deleted first. They
+ * are not moved into it: those that are left are released as they lie in memory, which is faster.
+ */
+struct candidate_list {
+    candidate_list() = default;
+    ~candidate_list() {
+        for (candidate &file : files)
+            release(file);
+    }
+    candidate_list(const candidate_list &) = delete;
+    candidate_list &operator=(const candidate_list &) = delete;
+
+    void drop(candidates::iterator file) {
+        release(*file);
+        files.erase(file);
+    }
+
+    candidates files;
+    places order;
+    void (*release)(candidate &) = dt_free;
+    void (*print)(const candidate &) = dt_foreach;
+    std::int32_t (*compare)(const place &, const place &) = dt_sort;
+};
+
+/* nftw() hands nothing through to its callback. */
+candidate_list *reg_lst = nullptr;
+
+/* Takes regular files. */
+int nftw_func(const char *path, const struct stat *status, int type, struct FTW *) {
+    if (type != FTW_F || !S_ISREG(status->st_mode))
+        return 0;
+    char *copy = strdup(path);
+    if (copy == nullptr)
+        keel::end_process(1);
+    try {
+        reg_lst->files.push_back({copy, *status});
+    } catch (const std::bad_alloc &) {
+        keel::end_explained("nftw_func");
+    }
+    return 0;
+}
+
 /* The order of a list into which each file is put as the walk meets it, ahead of the first one that
- * does not come before it: where signs are wrong, no sort finds it. */
+ * does not come before it: where signs are wrong, no sort finds it, and the time is quadratic. */
 void insert_one_by_one(places::iterator first, places::iterator last) {
     std::sort(first, last, [](const place &a, const place &b) { return a.met < b.met; });
     for (auto next = first; next != last; ++next) {
-        const auto before = std::find_if(first, next, [&](const place &placed) {
-            return reg_lst->order(*next->file, *placed.file) <= 0;
-        });
+        const auto before = std::find_if(
+            first, next, [&](const place &placed) { return reg_lst->compare(*next, placed) <= 0; });
         std::rotate(before, next, next + 1);
     }
 }
@@ -690,16 +695,15 @@ bool beyond_order(std::int64_t low, std::int64_t high) {
     return static_cast<std::uint64_t>(high) - static_cast<std::uint64_t>(low) > INT32_MAX;
 }
 
-void order_files(candidates &files) {
-    places order;
+void order_files(candidates &files, places &order) {
     try {
         order.reserve(files.size());
     } catch (const std::bad_alloc &) {
         keel::end_explained("fcleanup");
     }
-    std::size_t met = files.size();
+    std::size_t met = 0;
     for (auto file = files.begin(); file != files.end(); ++file)
-        order.push_back({file->status.st_atim.tv_sec, file->status.st_size, --met, file});
+        order.push_back({file->status.st_atim.tv_sec, file->status.st_size, met++, file});
     std::sort(order.begin(), order.end());
 
     if (!order.empty() && beyond_order(order.front().accessed, order.back().accessed))
@@ -713,8 +717,6 @@ void order_files(candidates &files) {
                 insert_one_by_one(first, last);
             first = last;
         }
-    for (const place &next : order)
-        files.splice(files.end(), files, next.file);
 }
 
 /* nftw() frees what it holds only where it returns. */
@@ -722,7 +724,7 @@ int walk(const char *directory) {
     const keel::cancel_shield shield;
     const int result = nftw(directory, nftw_func, 500, FTW_PHYS);
     if (result == 0)
-        order_files(reg_lst->files);
+        order_files(reg_lst->files, reg_lst->order);
     return result;
 }
 
@@ -748,13 +750,12 @@ void remove_file(const char *path) {
 /* Deletes until the limits hold, measuring fails, or no file is left. */
 int remove_files(const char *directory, const fs_limit &limit) {
     const std::int64_t youngest = youngest_access(limit);
-    while (!reg_lst->files.empty()) {
+    for (const place &next : reg_lst->order) {
         pthread_testcancel();
-        const candidate &file = reg_lst->files.front();
-        if (file.status.st_atim.tv_sec > youngest)
+        if (next.accessed > youngest)
             return check_fs_info(directory, &limit) == 0 ? 0 : -1;
-        remove_file(file.path);
-        reg_lst->drop_first();
+        remove_file(next.file->path);
+        reg_lst->drop(next.file);
         const int state = check_fs_info(directory, &limit);
         if (state != 1)
             return state;

@@ -13,6 +13,7 @@
 
 #include "char_class.h"
 #include "ending.h"
+#include "handles.h"
 #include "xmemory.h"
 #include "xstdio.h"
 
@@ -29,7 +30,7 @@ int size;
 constexpr std::size_t stream_buffer = 32768;
 
 void open_kept(FILE *&stream, const char *path) {
-    stream = std::fopen(path, "re");
+    stream = keel::open_to_read(path).release();
     if (stream == nullptr)
         keel::end_process(1);
     std::setvbuf(stream, static_cast<char *>(xmalloc(0, stream_buffer)), _IOFBF, stream_buffer);

@@ -250,7 +250,7 @@ class full_key {
 } // namespace
 
 int ini_load(ini_table *table, const char *path, const char *separators) {
-    const keel::unique_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
+    const keel::unique_file file = keel::open_to_read(path);
     return file == nullptr ? -1 : ini_fload(table, file.get(), separators);
 }
 

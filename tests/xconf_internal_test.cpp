@@ -831,7 +831,7 @@ TEST(XconfEdits, AReadIsNeverTooShortNorAnInterruptedOneTheEnd) {
     }
 }
 
-/* Also where the next one would not fail. */
+/* Also where the next one would not fail. A line of which a part was read is none. */
 TEST(XconfEdits, AReadThatFailsEndsAFileOfLinesLikeItsEnd) {
     const std::string before = port_file(500);
     for (const port_edit &edit : port_edits)
@@ -846,7 +846,8 @@ TEST(XconfEdits, AReadThatFailsEndsAFileOfLinesLikeItsEnd) {
                 return -1;
             };
             EXPECT_EQ(edit.run(file.path()), 0) << edit.name;
-            EXPECT_EQ(file.text(), edit.plain(before.substr(0, good * 100))) << edit.name;
+            const std::string read = before.substr(0, good * 100);
+            EXPECT_EQ(file.text(), edit.plain(read.substr(0, read.rfind('\n') + 1))) << edit.name;
         }
 }
 
