@@ -86,7 +86,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     const std::size_t refused = input.byte() % 5;
     const string key = input.line();
     const string value = input.line();
-    const string content = input.content(20'000);
+    const string content = input.content(6'000);
 
     keel_test::write_file(path, content);
     check_lookup(path, content, key, separator, room);

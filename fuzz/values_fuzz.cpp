@@ -92,7 +92,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     const string separators = input.line();
     const string fields = input.line();
     const string text = input.line();
-    const string content = input.content(20'000);
+    const string content = input.content(6'000);
 
     keel_test::write_file(path, content);
     check_lookup(path, content, key, separators, format);

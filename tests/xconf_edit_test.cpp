@@ -313,6 +313,8 @@ TEST(Foperate, RefusesAnIncompleteSetting) {
         EXPECT_EQ(foperate(file.path(), r.operation, r.key, '=', r.value), -1) << r.operation;
         EXPECT_EQ(edits[r.operation](file.path(), r.key, '=', r.value), -1) << r.operation;
     }
+    for (const line_edit edit : {fmodify, finsert, fremove})
+        EXPECT_EQ(edit(file.path(), "port", '\0', "80"), -1);
     EXPECT_EQ(file.text(), before);
     EXPECT_TRUE(file.alone());
 }
@@ -492,6 +494,7 @@ TEST(Flookup, LeavesTheBufferWhereNothingIsFound) {
     const edited_file file("port=80\nport\t80\n=1\n");
     const auto before = count_descriptors();
     EXPECT_EQ(looked_up(file.path(), "port", '\t', 4, false), untouched) << "tabs are folded";
+    EXPECT_EQ(looked_up(file.path(), "port", '\0', 4, false), untouched);
     EXPECT_EQ(looked_up(file.path(), "", '=', 4, false), untouched);
     EXPECT_EQ(looked_up(file.path(), nullptr, '=', 4, false), untouched);
     EXPECT_EQ(looked_up(file.path(), "port", '=', 0, false), "~~~");
@@ -911,11 +914,13 @@ TEST(FileEdits, FailWhereTheFileCannotBeReplaced) {
 
 TEST(FileEdits, PrintNothing) {
     const edited_file file(port_file());
+    const string directory = file.dir() / "directory";
+    std::filesystem::create_directory(directory);
     EXPECT_EQ(keel_test::run_in_child([&] {
                   for (const port_edit &edit : port_edits) {
                       edit.run(file.path());
                       edit.run(file.side("missing").c_str());
-                      edit.run(file.dir().path().c_str());
+                      edit.run(directory.c_str());
                   }
                   char buffer[10];
                   flookup(file.path(), "missing", '=', buffer, sizeof buffer);

@@ -4,15 +4,21 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
+#include "cancelled.h"
 #include "conf_maker.h"
 #include "descriptors.h"
 #include "edited_file.h"
+#include "waiting.h"
 
 namespace {
 
@@ -427,6 +433,35 @@ TEST(FileReplaceValues, FailWhereReadingFails) {
     EXPECT_EQ(fexist((dir / "directory").c_str(), 1), 0);
     EXPECT_EQ(fexist((dir / "memory").c_str(), 5), 0);
     EXPECT_EQ(count_descriptors(), descriptors);
+}
+
+/* Cancels a thread that reads a pipe. */
+void expect_cancelled_reading(const std::function<void(const char *)> &reader) {
+    const temp_dir dir;
+    const string path = dir / "fifo";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const auto descriptors = count_descriptors();
+    int fifo = -1;
+    EXPECT_TRUE(keel_test::ends_cancelled([&] { reader(path.c_str()); },
+                                          [&](pthread_t thread) {
+                                              fifo = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+                                              EXPECT_EQ(write(fifo, "port = 80\n", 10), 10);
+                                              keel_test::wait_until_read(fifo);
+                                              pthread_cancel(thread);
+                                          }));
+    close(fifo);
+    EXPECT_EQ(count_descriptors(), descriptors);
+    EXPECT_EQ(fexist(path.c_str(), 4), 0);
+}
+
+TEST(FileValues, AThreadCancelledWhileItReadsLeavesNothingOpen) {
+    expect_cancelled_reading([](const char *path) { file_replace_value(path, "port", "=", "81"); });
+    expect_cancelled_reading(
+        [](const char *path) { file_replace_value_value(path, "port", "=", ",", 1, "81"); });
+    expect_cancelled_reading([](const char *path) {
+        int port = 0;
+        file_lookup_value(path, "name", "=", "%d", &port);
+    });
 }
 
 TEST(FileReplaceValues, TakeAPathOfAnyLength) {

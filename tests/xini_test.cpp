@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 #include "plain_ini.h"
 #include "plain_lines.h"
 #include "temp_dir.h"
+#include "waiting.h"
 #include "xmemory.h"
 
 namespace {
@@ -484,12 +484,6 @@ TEST(IniLoad, SortsKeysThatDifferLate) {
     EXPECT_EQ(all, plain.entries());
 }
 
-/* Returns once a reader has taken all that is in a pipe. */
-void wait_until_read(int pipe) {
-    for (int left = 1; left > 0; std::this_thread::yield())
-        ASSERT_EQ(ioctl(pipe, FIONREAD, &left), 0);
-}
-
 TEST(IniLoad, CancelledItLeavesTheTableAndNoDescriptor) {
     const temp_dir dir;
     const string path = dir / "fifo";
@@ -501,7 +495,7 @@ TEST(IniLoad, CancelledItLeavesTheTableAndNoDescriptor) {
                                           [&](pthread_t thread) {
                                               fifo = open(path.c_str(), O_WRONLY | O_CLOEXEC);
                                               EXPECT_EQ(write(fifo, "b=2\n", 4), 4);
-                                              wait_until_read(fifo);
+                                              keel_test::wait_until_read(fifo);
                                               pthread_cancel(thread);
                                           }));
     close(fifo);

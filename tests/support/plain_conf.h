@@ -35,14 +35,11 @@ inline plain_piece plain_piece_of(const std::string &all) {
 
 inline std::vector<plain_piece> plain_pieces(const std::string &content) {
     std::vector<plain_piece> pieces;
-    std::string all;
-    for (const char c : content) {
-        all += c;
-        if (c == '\n' || all.size() == 1023)
-            pieces.push_back(plain_piece_of(std::exchange(all, "")));
+    for (std::size_t next = 0; next < content.size(); next += pieces.back().all.size()) {
+        const std::size_t newline = std::min(content.find('\n', next), content.size());
+        pieces.push_back(
+            plain_piece_of(content.substr(next, std::min(newline + 1 - next, 1023UL))));
     }
-    if (!all.empty())
-        pieces.push_back(plain_piece_of(all));
     return pieces;
 }
 

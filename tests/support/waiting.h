@@ -9,6 +9,8 @@
 #include <iterator>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/ioctl.h>
+#include <thread>
 #include <unistd.h>
 
 namespace keel_test {
@@ -104,6 +106,12 @@ inline std::ptrdiff_t count_threads() {
 inline void spin(unsigned turns) {
     while (turns-- > 0)
         asm volatile("" ::: "memory");
+}
+
+/* Returns once a reader has taken all that is in a pipe. */
+inline void wait_until_read(int pipe) {
+    for (int left = 1; left > 0 && ioctl(pipe, FIONREAD, &left) == 0;)
+        std::this_thread::yield();
 }
 
 } // namespace keel_test
