@@ -16,8 +16,7 @@
     __attribute__((__format__(__printf__, format_index, first)))
 
 /** Argument `format_index` is a scanf format whose arguments begin at `first`. */
-#define KEEL_SCANF(format_index, first)                                                            \
-    __attribute__((__format__(__scanf__, format_index, first)))
+#define KEEL_SCANF(format_index, first) __attribute__((__format__(__scanf__, format_index, first)))
 
 /** The call never returns. */
 #define KEEL_NORETURN __attribute__((__noreturn__))

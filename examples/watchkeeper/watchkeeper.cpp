@@ -4,10 +4,10 @@
  *
  * Every few seconds it takes a snapshot of the host and logs one line: how busy each processor is,
  * how full memory and swap are, how long the host has been up. Less often it sums up what it saw,
- * and deletes the oldest files of directories whose disk is too full. A timer has its pooled workers
- * do all that, and reports on standard output. SIGTERM and SIGINT end the service, and the log is
- * archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the settings,
- * which `watchkeeper --set` changes.
+ * and deletes the oldest files of directories whose disk is too full. A timer has its pooled
+ * workers do all that, and reports on standard output. SIGTERM and SIGINT end the service, and the
+ * log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the
+ * settings, which `watchkeeper --set` changes.
  */
 #include <algorithm>
 #include <cinttypes>
@@ -19,8 +19,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <getopt.h>
 #include <fstream>
+#include <getopt.h>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -433,11 +433,11 @@ bool keep_watch(const settings &set, long seconds, const sigset_t &ending) {
     timer *clock = timer_new();
     if (clock == nullptr)
         return false;
-    const bool started = clock->start(clock, snapshot, &shared, 0) == 0 &&
-                         repeat(*clock, snapshot, shared, set.tasks.snapshot) &&
-                         repeat(*clock, summary, shared, set.tasks.summary) &&
-                         (set.cleanup.empty() ||
-                          repeat(*clock, clean_directories, shared, set.tasks.cleanup));
+    const bool started =
+        clock->start(clock, snapshot, &shared, 0) == 0 &&
+        repeat(*clock, snapshot, shared, set.tasks.snapshot) &&
+        repeat(*clock, summary, shared, set.tasks.summary) &&
+        (set.cleanup.empty() || repeat(*clock, clean_directories, shared, set.tasks.cleanup));
     const int signal = started ? wait_for_end(seconds, ending) : 0;
     clock->del(clock); // cancels what runs; from here on nothing else logs
     if (signal != 0)
