@@ -238,6 +238,17 @@ TEST(LineEdits, TakeALongLineForSeveral) {
                 });
 }
 
+/* However the file is read. */
+TEST(LineEdits, TakeALongLineForSeveralWhereverItBegins) {
+    edited_file file;
+    for (std::size_t begin = 7000; begin < 8300; begin++) {
+        const string ahead(begin, '\n');
+        file.write(ahead + times(1023, 'x') + "port=1");
+        ASSERT_EQ(fmodify(file.path(), "port", '=', "81"), 0);
+        ASSERT_EQ(file.text(), ahead + times(1023, 'x') + "\nport=81\n") << begin;
+    }
+}
+
 TEST(LineEdits, TakeKeysAndValuesOfAnyLength) {
     const string key = times(5000, 'k');
     const string value = times(3000000, 'v');
