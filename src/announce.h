@@ -19,4 +19,12 @@ namespace keel {
     va_end(arguments);
 }
 
+/* perror(), whole in the same way: by itself it may write past the stream's lock. */
+inline void explain(const char *prefix) {
+    const cancel_shield shield;
+    flockfile(stderr);
+    std::perror(prefix);
+    funlockfile(stderr);
+}
+
 } // namespace keel

@@ -743,8 +743,7 @@ void remove_file(const char *path) {
         keel::announce(stdout, "fcleanup:remove %s.\n", path);
         return;
     }
-    const keel::cancel_shield shield;
-    std::perror("fcleanup:");
+    keel::explain("fcleanup:");
 }
 
 /* Deletes until the limits hold, measuring fails, or no file is left. */

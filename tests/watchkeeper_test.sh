@@ -44,6 +44,9 @@ setting log 'language = latin'; refused 'neither english nor chinese' bad.ini
 setting warning 'cpu = high'; refused 'warning::cpu = "high" is not a number' bad.ini
 setting cleanup '/nowhere = 90 %'; refused 'cleanup::/nowhere is not a directory' bad.ini
 setting cleanup '/tmp = 90 %, 7 weeks'; refused 'cleanup::/tmp = "90 %, 7 weeks" is not like' bad.ini
+setting remote 'listen = 7400'; refused 'remote::listen = "7400" is not like 127.0.0.1:7400' bad.ini
+setting remote 'allow = 127.0.0.1, all'; refused 'remote::allow = "127.0.0.1, all" is not like' bad.ini
+refused '--status = "here" is not like' --status here
 printf '[log]\ndirectory = nowhere\n' >bad.ini; refused 'log::directory = "nowhere" is not a directory' bad.ini
 
 check "--help" sh -c '"$1" --help | grep -q "^usage: watchkeeper"' sh "$watchkeeper"
@@ -98,6 +101,53 @@ END
     check "its record" grep -qE "\[   Notice\.6\] cleaned up $dir/full: its disk was 9[0-9]% full and is 6[0-9]%" log/*
     rm log/*
 fi
+
+# It answers those whom it trusts, and sends a sign of life.
+cat >ask.py <<'END'
+import socket, sys
+def endpoint(address):
+    made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    made.bind((address, 0))
+    made.settimeout(30)
+    return made
+service, beat = ("127.0.0.1", int(sys.argv[1])), endpoint("127.0.0.1")
+if service[1] == 0:  # asks for two ports that are free
+    free = endpoint("127.0.0.1")
+    sys.exit(print(free.getsockname()[1], beat.getsockname()[1]))
+beat = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+beat.bind(("127.0.0.1", int(sys.argv[2])))
+beat.settimeout(30)
+print("heartbeat:", beat.recv(1000).decode(), end="")
+endpoint("127.0.0.2").sendto(b"ping", service)
+trusted = endpoint("127.0.0.1")
+for ignored in b"pin", b"ping" * 17, b"bogus":
+    trusted.sendto(ignored, service)
+for request in b"ping", b"rotate\n", b"status":
+    trusted.sendto(request, service)
+    print(trusted.recv(4096).decode(), end="")
+END
+read -r port beat <<<"$(python3 ask.py 0)"
+printf '%s\n' '[log]' 'directory = log' '[remote]' "listen = 127.0.0.1:$port" "heartbeat = 127.0.0.1:$beat" \
+    'interval = 1' '[cleanup]' 'interval = 7' '/tmp = 100 %' >remote.ini
+"$watchkeeper" remote.ini >reports &
+service=$!
+python3 ask.py "$port" "$beat" >answers
+check "a sign of life" grep -qE '^heartbeat: .+ watchkeeper up [0-9]+ s, busiest cpu [0-9.]+%, memory [0-9.]+%$' answers
+check "pong and rotated" test "$(sed -n 2,3p answers)" = $'pong\nrotated'
+check "bars" grep -qE '^cpu0     \[#*-*\] +[0-9.]+%$' answers
+check "the requests: $(tail -n 1 answers)" test "$(tail -n 1 answers)" = 'requests: 2 answered, 4 ignored'
+check "--status" "$watchkeeper" --status "127.0.0.1:$port" >status
+check "the status of a running one" grep -qE '^tasks: .*clean-up of 1 directories every 7 s$' status
+mkdir other
+sed 's/^directory = log/directory = other/' remote.ini >taken.ini
+status=0; "$watchkeeper" taken.ini >reports2 2>err || status=$?
+check "status 1 and a word where the port is taken" test "$status: $(cat err)" = \
+    '1: watchkeeper: cannot listen as remote::listen asks'
+kill $service
+check "status 0" wait $service
+check "--status without a service" sh -c '! "$1" --status "127.0.0.1:$2" 2>err && grep -q "no answer" err' sh "$watchkeeper" "$port"
+check "archives of rotation and end" test "$(ls log | grep -c _)" = 2
+rm log/*
 
 # A signal ends it cleanly while it waits.
 sed 's/^snapshot = 1 /snapshot = 3600 /' shipped.ini >patient.ini

@@ -10,12 +10,12 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
 #include "cancelled.h"
 #include "child.h"
+#include "descriptors.h"
 #include "temp_dir.h"
 
 namespace {
@@ -140,17 +140,9 @@ TEST_F(Inotify, EndsWithoutAWordWhereThereIsNoWatchToRemove) {
     EXPECT_EQ(run_in_child([&] { Inotify_rm_watch(events, watch); }), exited(1)) << "twice";
 }
 
-/* In a child: no descriptor is to be had. */
-void use_up_descriptors() {
-    rlimit descriptors{};
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    descriptors.rlim_cur = 0;
-    setrlimit(RLIMIT_NOFILE, &descriptors);
-}
-
 TEST(InotifyInit, EndsWithoutAWordWhereThereIsNoDescriptor) {
     const auto without = [] {
-        use_up_descriptors();
+        keel_test::forbid_descriptors();
         Inotify_init();
     };
     EXPECT_EQ(run_in_child(without), exited(1));
@@ -160,7 +152,7 @@ TEST(InotifyInit, EndsAThreadsProcessThoughTheThreadIsCancelled) {
     const auto cancelled = [] {
         run_cancelled([] {
             std::fputs("pending", stdout);
-            use_up_descriptors();
+            keel_test::forbid_descriptors();
             Inotify_init();
         });
     };

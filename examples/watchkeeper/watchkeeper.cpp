@@ -5,11 +5,14 @@
  * Every few seconds it takes a snapshot of the host and logs one line: how busy each processor is,
  * how full memory and swap are, how long the host has been up. Less often it sums up what it saw,
  * and deletes the oldest files of directories whose disk is too full. A timer has its pooled
- * workers do all that, and reports on standard output. SIGTERM and SIGINT end the service, and the
- * log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the
+ * workers do all that, and reports on standard output. Over UDP it answers "status", "rotate" and
+ * "ping" of those whom it trusts, and sends a sign of life. SIGTERM and SIGINT end the service, and
+ * the log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the
  * settings, which `watchkeeper --set` changes.
  */
 #include <algorithm>
+#include <arpa/inet.h>
+#include <atomic>
 #include <cinttypes>
 #include <cmath>
 #include <csignal>
@@ -21,10 +24,13 @@
 #include <ctime>
 #include <fstream>
 #include <getopt.h>
+#include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 #include <xconf.h>
@@ -32,8 +38,10 @@
 #include <xgetopt.h>
 #include <xini.h>
 #include <xlog.h>
+#include <xsocket.h>
 #include <xstring.h>
 #include <xtime.h>
+#include <xudpcomm.h>
 
 namespace {
 
@@ -52,7 +60,16 @@ struct intervals {
     long snapshot = 1;
     long summary = 60;
     long cleanup = 60;
+    long heartbeat = 10;
 };
+
+/* An IPv4 address and a port; "no_place" where nothing was given. */
+using place = sockaddr_in;
+constexpr place no_place{};
+
+bool is_given(const place &where) {
+    return where.sin_family == AF_INET;
+}
 
 struct clean_directory {
     std::string path;
@@ -66,6 +83,9 @@ struct settings {
     thresholds warn{80, 85, 50};
     thresholds crit{101, 95, 90};
     std::vector<clean_directory> cleanup{};
+    place listen = no_place;
+    place heartbeat = no_place;
+    std::vector<in_addr_t> allowed{htonl(INADDR_LOOPBACK)};
 };
 
 [[noreturn]] [[gnu::format(printf, 1, 2)]] void complain(const char *format, ...) {
@@ -120,6 +140,33 @@ fs_limit limits(const ini_entry &entry) {
     return limit;
 }
 
+/* "ADDRESS:PORT". */
+place address_and_port(const char *what, const char *text) {
+    char ip[16] = "";
+    unsigned short port = 0;
+    int length = 0;
+    in_addr checked{};
+    if (std::sscanf(text, "%15[0-9.]:%hu%n", ip, &port, &length) != 2 || text[length] != '\0' ||
+        inet_pton(AF_INET, ip, &checked) != 1)
+        complain("%s = \"%s\" is not like 127.0.0.1:7400", what, text);
+    xsockaddr made{};
+    socket_addr(&made.sa, AF_INET, ip, port);
+    return made.in;
+}
+
+/* Addresses between commas. */
+std::vector<in_addr_t> addresses(const ini_entry &entry) {
+    std::vector<in_addr_t> all;
+    std::istringstream list(entry.value);
+    for (std::string one; std::getline(list, one, ',');) {
+        in_addr address{};
+        if (inet_pton(AF_INET, strtrim1(one.data()), &address) != 1)
+            complain("%s = \"%s\" is not like 127.0.0.1, 10.0.0.5", entry.key, entry.value);
+        all.push_back(address.s_addr);
+    }
+    return all;
+}
+
 /* Takes one entry of the settings file. A name that nobody knows is a slip of the pen, and better
  * said than ignored. */
 void take(settings &to, const ini_entry &entry) {
@@ -135,6 +182,14 @@ void take(settings &to, const ini_entry &entry) {
         to.tasks.cleanup = value(1, 86400);
     else if (key.starts_with("cleanup::/"))
         to.cleanup.push_back({key.substr(std::strlen("cleanup::")), limits(entry)});
+    else if (key == "remote::listen")
+        to.listen = address_and_port(entry.key, entry.value);
+    else if (key == "remote::allow")
+        to.allowed = addresses(entry);
+    else if (key == "remote::heartbeat")
+        to.heartbeat = address_and_port(entry.key, entry.value);
+    else if (key == "remote::interval")
+        to.tasks.heartbeat = value(1, 86400);
     else if (key == "log::directory")
         to.directory = entry.value;
     else if (key == "log::levels")
@@ -284,17 +339,69 @@ void change_settings(const char *path, const std::vector<new_setting> &changes) 
         complain("cannot change \"%s\": %s", path, strerror(errno));
 }
 
+/* ---- The log -------------------------------------------------------------------------------- */
+
+/* Open for as long as it lives. Any thread writes; rotate() archives the file and begins a new one,
+ * for which nobody may write. */
+class journal {
+  public:
+    journal(char **arguments, const settings &set)
+        : arguments_(arguments), directory_(set.directory), conf_(set.log) {
+        if (log_init(arguments_, directory_.c_str(), &conf_) == -1)
+            complain("cannot log in \"%s\"", directory_.c_str());
+    }
+    ~journal() { log_destroy(); }
+    journal(const journal &) = delete;
+    journal &operator=(const journal &) = delete;
+
+    [[gnu::format(printf, 3, 4)]] void write(level level, const char *format, ...) {
+        char *text = nullptr;
+        va_list arguments;
+        va_start(arguments, format);
+        const int length = vasprintf(&text, format, arguments);
+        va_end(arguments);
+        const std::unique_ptr<char, decltype(&std::free)> owner(length < 0 ? nullptr : text,
+                                                                &std::free);
+        const std::shared_lock writing(lock_);
+        if (owner != nullptr)
+            log_print(0, level, "%s", owner.get());
+    }
+
+    bool rotate() {
+        const std::unique_lock nobody_writes(lock_);
+        log_destroy();
+        return log_init(arguments_, directory_.c_str(), &conf_) == 0;
+    }
+
+  private:
+    char **arguments_;
+    std::string directory_;
+    log_conf conf_;
+    std::shared_mutex lock_;
+};
+
 /* ---- The watch ------------------------------------------------------------------------------ */
+
+std::int64_t monotonic_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
+}
 
 /* What the tasks share. A task that takes longer than its interval runs beside itself, and the
  * library's snapshot is for one thread at a time. */
 struct watch {
     const settings &set;
+    journal &log;
+    const std::int64_t begin = monotonic_ms();
     std::mutex lock{};
     std::uint64_t looks = 0;
     double busiest_cpu = 0; /* since the last summary */
     double fullest_memory = 0;
     std::mutex cleaning{};
+    udpcomm *endpoint = nullptr;
+    std::atomic<std::uint64_t> answered = 0;
+    std::atomic<std::uint64_t> ignored = 0;
 };
 
 double busiest_cpu() {
@@ -351,8 +458,8 @@ void *snapshot(void *watch_) {
     if (!first) // whose processors are counted since the host was started
         self.busiest_cpu = std::max(self.busiest_cpu, busiest_cpu());
     self.fullest_memory = std::max(self.fullest_memory, ss.mem_usage);
-    log_print(0, level_of_snapshot(self.set), "%s%s", described.text,
-              first ? " (processors since boot)" : "");
+    self.log.write(level_of_snapshot(self.set), "%s%s", described.text,
+                   first ? " (processors since boot)" : "");
     return nullptr;
 }
 
@@ -360,30 +467,30 @@ void *snapshot(void *watch_) {
 void *summary(void *watch_) {
     watch &self = *static_cast<watch *>(watch_);
     const std::lock_guard guard(self.lock);
-    log_print(0, info,
-              "%" PRIu64 " looks so far; since the last summary the busiest processor "
-              "was at %.1f%%, memory at %.1f%%",
-              self.looks, self.busiest_cpu, self.fullest_memory);
+    self.log.write(info,
+                   "%" PRIu64 " looks so far; since the last summary the busiest processor "
+                   "was at %.1f%%, memory at %.1f%%",
+                   self.looks, self.busiest_cpu, self.fullest_memory);
     self.busiest_cpu = 0;
     self.fullest_memory = 0;
     return nullptr;
 }
 
 /* Makes room on the disk of one directory, and tells what came of it. */
-void clean_up(const clean_directory &clean) {
+void clean_up(journal &log, const clean_directory &clean) {
     const char *path = clean.path.c_str();
     unsigned before = 0;
     unsigned after = 0;
     float free_gb = 0;
     if (get_fs_info(path, &before, &free_gb) == -1) {
-        log_print(0, warning, "cannot measure the disk of %s", path);
+        log.write(warning, "cannot measure the disk of %s", path);
         return;
     }
     if (check_fs_info(path, &clean.limit) == 0)
         return;
     const int result = fcleanup(path, &clean.limit);
     get_fs_info(path, &after, &free_gb);
-    log_print(0, result == 0 ? notice : warning,
+    log.write(result == 0 ? notice : warning,
               "%s %s: its disk was %u%% full and is %u%%, %.1f GB free",
               result == 0 ? "cleaned up" : "cannot make room in", path, before, after,
               static_cast<double>(free_gb));
@@ -395,8 +502,148 @@ void *clean_directories(void *watch_) {
     const std::unique_lock guard(self.cleaning, std::try_to_lock);
     if (guard.owns_lock())
         for (const clean_directory &clean : self.set.cleanup)
-            clean_up(clean);
+            clean_up(self.log, clean);
     return nullptr;
+}
+
+/* ---- Who asks from elsewhere ---------------------------------------------------------------- */
+
+/* One line, such as "cpu0    [########------------]  40.1%". */
+void describe_bar(line &to, const char *name, double percent) {
+    constexpr int width = 40;
+    char bar[width + 1];
+    std::memset(bar, '-', width);
+    std::memset(bar, '#', static_cast<std::size_t>(std::clamp(percent, 0.0, 100.0) * width / 100));
+    bar[width] = '\0';
+    astrcatf(&to.text, "%-8s [%s] %5.1f%%\n", name, bar, percent);
+}
+
+/* One screen of text. */
+void describe_status(line &to, watch &self) {
+    constexpr std::uint64_t most_cpus = 32;
+    const std::lock_guard guard(self.lock);
+    const std::int64_t up = (monotonic_ms() - self.begin) / 1000;
+    astrcatf(&to.text, "watchkeeper, up %" PRId64 " s, %" PRIu64 " looks\n", up, self.looks);
+    for (std::uint64_t i = 1; i < std::min(ss.ncpu, most_cpus + 1); i++)
+        describe_bar(to, ss.cpu[i].name, ss.cpu[i].usage);
+    if (ss.ncpu > most_cpus + 1)
+        astrcatf(&to.text, "... and %" PRIu64 " more\n", ss.ncpu - most_cpus - 1);
+    describe_bar(to, "memory", ss.mem_usage);
+    if (!std::isnan(ss.swap_usage))
+        describe_bar(to, "swap", ss.swap_usage);
+    const intervals &every = self.set.tasks;
+    astrcatf(&to.text, "tasks: snapshot every %ld s, summary every %ld s", every.snapshot,
+             every.summary);
+    if (!self.set.cleanup.empty())
+        astrcatf(&to.text, ", clean-up of %zu directories every %ld s", self.set.cleanup.size(),
+                 every.cleanup);
+    astrcatf(&to.text, "\nrequests: %" PRIu64 " answered, %" PRIu64 " ignored\n",
+             self.answered.load(), self.ignored.load());
+}
+
+/* The answer to a request; empty where it is none. */
+void answer(line &to, watch &self, const char *request) {
+    if (std::strcmp(request, "ping") == 0)
+        astrcatf(&to.text, "pong\n");
+    else if (std::strcmp(request, "status") == 0)
+        describe_status(to, self);
+    else if (std::strcmp(request, "rotate") == 0)
+        astrcatf(&to.text, "%s\n", self.log.rotate() ? "rotated" : "cannot rotate");
+}
+
+bool is_allowed(const settings &set, const sockaddr_in &peer) {
+    return std::count(set.allowed.begin(), set.allowed.end(), peer.sin_addr.s_addr) > 0;
+}
+
+/* Runs for each datagram. Strangers get no answer, and neither do words that are unknown or too
+ * long. */
+std::int64_t take_request(udpcomm *endpoint, char *data, std::size_t size, sockaddr *peer) {
+    constexpr std::size_t longest = 64;
+    watch &self = *static_cast<watch *>(endpoint->arg);
+    line text;
+    const xsockaddr from = endpoint->peer;
+    if (size <= longest && is_allowed(self.set, from.in))
+        answer(text, self, strtrim1(data));
+    if (text.text == nullptr) {
+        self.ignored++;
+        return 0;
+    }
+    self.answered++;
+    return udpcomm_send(endpoint, text.text, std::strlen(text.text), peer);
+}
+
+/* Task: a sign of life. */
+void *heartbeat(void *watch_) {
+    watch &self = *static_cast<watch *>(watch_);
+    char host[65] = "";
+    gethostname(host, sizeof host - 1);
+    line text;
+    {
+        const std::lock_guard guard(self.lock);
+        astrcatf(&text.text, "%s watchkeeper up %" PRId64 " s, busiest cpu %.1f%%, memory %.1f%%\n",
+                 host, (monotonic_ms() - self.begin) / 1000, busiest_cpu(), ss.mem_usage);
+    }
+    xsockaddr to{};
+    to.in = self.set.heartbeat;
+    if (text.text != nullptr)
+        udpcomm_send(self.endpoint, text.text, std::strlen(text.text), &to.sa);
+    return nullptr;
+}
+
+/* The service's endpoint, where its settings ask for one, for as long as this lives. */
+class reachable {
+  public:
+    explicit reachable(watch &self) : self_(self) {
+        if (!is_given(self.set.listen) && !is_given(self.set.heartbeat))
+            return;
+        char ip[INET_ADDRSTRLEN] = "0.0.0.0";
+        if (is_given(self.set.listen))
+            inet_ntop(AF_INET, &self.set.listen.sin_addr, ip, sizeof ip);
+        self.endpoint = udpcomm_open(AF_INET, ip, ntohs(self.set.listen.sin_port));
+        bound_ = port() != 0 && udpcomm_start(self.endpoint, take_request, &self) == 0;
+        if (bound_ && is_given(self.set.listen))
+            self.log.write(notice, "answering on %s:%d", ip, port());
+    }
+    ~reachable() {
+        if (self_.endpoint != nullptr && bound_)
+            udpcomm_close(self_.endpoint);
+    }
+    reachable(const reachable &) = delete;
+    reachable &operator=(const reachable &) = delete;
+
+    bool as_asked() const { return self_.endpoint == nullptr || bound_; }
+
+  private:
+    int port() const {
+        xsockaddr local{};
+        socklen_t length = sizeof local;
+        getsockname(self_.endpoint->sock->fd, &local.sa, &length);
+        return ntohs(local.in.sin_port);
+    }
+
+    watch &self_;
+    bool bound_ = false;
+};
+
+/* Asks another watchkeeper; prints its answer. The program's exit status. */
+int ask_status(const place &where) {
+    xsocket *socket = socket_open(AF_INET, SOCK_DGRAM, 0);
+    if (socket == nullptr)
+        return 1;
+    const timeval patience = {2, 0};
+    setsockopt(socket->fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    xsockaddr to{};
+    to.in = where;
+    char text[4096];
+    ssize_t length = -1;
+    if (connect(socket->fd, &to.sa, sizeof to.in) == 0 && send(socket->fd, "status", 6, 0) == 6)
+        length = recv(socket->fd, text, sizeof text, 0);
+    if (length >= 0)
+        std::fwrite(text, 1, static_cast<std::size_t>(length), stdout);
+    else
+        std::fprintf(stderr, "watchkeeper: no answer: %s\n", strerror(errno));
+    socket_close(socket);
+    return length >= 0 ? 0 : 1;
 }
 
 bool repeat(timer &clock, thread_routine task, watch &arg, long seconds) {
@@ -405,12 +652,6 @@ bool repeat(timer &clock, thread_routine task, watch &arg, long seconds) {
 }
 
 /* ---- The service ---------------------------------------------------------------------------- */
-
-std::int64_t monotonic_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
-}
 
 /* Sleeps until a signal to end, for `seconds` at most (0: without limit); tells the signal, or 0.
  * The signals are blocked, so that none is missed and none reaches a worker. */
@@ -427,23 +668,35 @@ int wait_for_end(long seconds, const sigset_t &ending) {
     }
 }
 
+bool start_tasks(timer &clock, watch &shared) {
+    const settings &set = shared.set;
+    return clock.start(&clock, snapshot, &shared, 0) == 0 &&
+           repeat(clock, snapshot, shared, set.tasks.snapshot) &&
+           repeat(clock, summary, shared, set.tasks.summary) &&
+           (set.cleanup.empty() || repeat(clock, clean_directories, shared, set.tasks.cleanup)) &&
+           (!is_given(set.heartbeat) || repeat(clock, heartbeat, shared, set.tasks.heartbeat));
+}
+
 /* Tells whether the watch could be kept at all. */
-bool keep_watch(const settings &set, long seconds, const sigset_t &ending) {
-    watch shared{.set = set};
+bool keep_watch(const settings &set, journal &log, long seconds, const sigset_t &ending) {
+    watch shared{.set = set, .log = log};
+    const reachable endpoint(shared);
+    if (!endpoint.as_asked()) {
+        std::fputs("watchkeeper: cannot listen as remote::listen asks\n", stderr);
+        return false;
+    }
     timer *clock = timer_new();
     if (clock == nullptr)
         return false;
-    const bool started =
-        clock->start(clock, snapshot, &shared, 0) == 0 &&
-        repeat(*clock, snapshot, shared, set.tasks.snapshot) &&
-        repeat(*clock, summary, shared, set.tasks.summary) &&
-        (set.cleanup.empty() || repeat(*clock, clean_directories, shared, set.tasks.cleanup));
+    const bool started = start_tasks(*clock, shared);
     const int signal = started ? wait_for_end(seconds, ending) : 0;
-    clock->del(clock); // cancels what runs; from here on nothing else logs
+    clock->del(clock); // cancels what runs
     if (signal != 0)
-        log_print(0, notice, "ended by %s", strsignal(signal));
+        log.write(notice, "ended by %s", strsignal(signal));
     else if (started)
-        log_print(0, notice, "ended after %ld seconds", seconds);
+        log.write(notice, "ended after %ld seconds", seconds);
+    else
+        std::fputs("watchkeeper: cannot start its timer\n", stderr);
     return started;
 }
 
@@ -452,14 +705,17 @@ bool keep_watch(const settings &set, long seconds, const sigset_t &ending) {
 constexpr char usage_text[] =
     "usage: watchkeeper [--seconds N] SETTINGS\n"
     "       watchkeeper --set SECTION.KEY=VALUE... SETTINGS\n"
+    "       watchkeeper --status ADDRESS:PORT\n"
     "Watches this host and logs what it sees, as the file SETTINGS says.\n"
     "  --seconds N              end after N seconds\n"
     "  --set SECTION.KEY=VALUE  change a setting in the file, and end\n"
+    "  --status ADDRESS:PORT    show the status of one that runs, and end\n"
     "  --help                   show this\n";
 
 struct command_line {
     const char *path = nullptr;
     long seconds = 0;
+    place asked = no_place;
     std::vector<new_setting> changes{};
     char **arguments = nullptr;
     int taken = 1; /* of them by the program's name, the options and their values */
@@ -477,6 +733,8 @@ int take_option(int option, int) {
     given.taken += value_apart ? 2 : 1;
     if (option == 's')
         given.seconds = number("--seconds", optarg, 1, 366L * 86400);
+    else if (option == 'a')
+        given.asked = address_and_port("--status", optarg);
     else
         given.changes.emplace_back(optarg);
     return 0;
@@ -485,10 +743,13 @@ int take_option(int option, int) {
 void parse(int argc, char *argv[]) {
     constexpr option options[] = {{"seconds", required_argument, nullptr, 's'},
                                   {"set", required_argument, nullptr, 'e'},
+                                  {"status", required_argument, nullptr, 'a'},
                                   {"help", no_argument, nullptr, 'h'},
                                   {nullptr, 0, nullptr, 0}};
     given.arguments = argv;
     xgetopt(argc, argv, nullptr, options, take_option, usage_text);
+    if (is_given(given.asked) && argc == given.taken)
+        return;
     if (argc - given.taken != 1)
         complain("give one settings file\n%s", usage_text);
     given.path = argv[argc - 1]; /* xgetopt() moves what is no option to the end */
@@ -498,11 +759,13 @@ void parse(int argc, char *argv[]) {
 
 int main(int argc, char *argv[]) {
     parse(argc, argv);
+    if (given.path == nullptr)
+        return ask_status(given.asked);
     if (!given.changes.empty()) {
         change_settings(given.path, given.changes);
         return 0;
     }
-    settings set = read_settings(given.path);
+    const settings set = read_settings(given.path);
 
     sigset_t ending;
     sigemptyset(&ending);
@@ -510,12 +773,7 @@ int main(int argc, char *argv[]) {
     sigaddset(&ending, SIGINT);
     sigprocmask(SIG_BLOCK, &ending, nullptr);
 
-    if (log_init(argv, set.directory.c_str(), &set.log) == -1)
-        complain("cannot log in \"%s\"", set.directory.c_str());
-    log_print(0, notice, "watching, every %ld s", set.tasks.snapshot);
-    const bool kept = keep_watch(set, given.seconds, ending);
-    log_destroy();
-    if (!kept)
-        std::fputs("watchkeeper: cannot start its timer\n", stderr);
-    return kept ? 0 : 1;
+    journal log(argv, set);
+    log.write(notice, "watching, every %ld s", set.tasks.snapshot);
+    return keep_watch(set, log, given.seconds, ending) ? 0 : 1;
 }

@@ -3,6 +3,7 @@
 #define _DEFAULT_SOURCE
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,14 +24,17 @@
 #include <xinotify.h>
 #include <xlog.h>
 #include <xmemory.h>
+#include <xnet.h>
 #include <xpool.h>
 #include <xqueue.h>
 #include <xqueue2.h>
+#include <xsocket.h>
 #include <xstdio.h>
 #include <xstring.h>
 #include <xthread.h>
 #include <xthread_util.h>
 #include <xtime.h>
+#include <xudpcomm.h>
 #include <xutil.h>
 #include <xwrap.h>
 
@@ -106,6 +110,14 @@ static void use_xutil(const char *directory) {
         err_sys("nobody reads this: %d", 1);
     int status = 0;
     CHECK(waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 1);
+
+    ifi_info *interfaces = get_ifi_info(AF_INET), *made = NULL, **tail = &made;
+    CHECK(is_ifi_info_exist(interfaces, "lo") == 1 && free_ifi_info(interfaces) == NULL);
+    ifi_info *record = add_ifi_info(&tail, "eth0");
+    CHECK(record == made && tail == &record->ifi_next && strcmp(record->ifi_name, "eth0") == 0);
+    record->ifi_mtu = 1500;
+    release_ifi_info(record);
+    CHECK(record->ifi_mtu == 0 && free_ifi_info(made) == NULL);
 }
 
 static void use_xinotify(const char *directory) {
@@ -401,6 +413,46 @@ static void use_xtime(void) {
     sem_destroy(&done);
 }
 
+static void use_xnet(void) {
+    static const char missing[] = "missing";
+    unsigned short flags = 0;
+    unsigned address = 0;
+    char text[16];
+    CHECK(get_if_flags("lo", &flags) == 0 && (flags & IFF_LOOPBACK) != 0);
+    CHECK(get_ifaddr(missing, text, sizeof text) == -1 && set_ifaddr(missing, "10.0.0.1") == -1);
+    CHECK(get_if_addr(missing, &address) == -1 && set_if_addr(missing, address) == -1);
+    CHECK(get_if_netmask(missing, &address) == -1 && set_if_netmask(missing, address) == -1);
+    CHECK(hostname2addr("127.0.0.1", text, sizeof text, &address) == 0);
+    CHECK(strcmp(text, "127.0.0.1") == 0 && address == htonl(INADDR_LOOPBACK));
+}
+
+static void use_xsocket(void) {
+    xsocket *endpoint = socket_open(AF_INET, SOCK_DGRAM, 0);
+    xsockaddr here;
+    CHECK(socket_addr(&here.sa, AF_INET, "127.0.0.1", 0) == 0 && socket_len(&here.sa) == 16);
+    CHECK(bind(endpoint->fd, &here.sa, sizeof here.in) == 0 && socket_close(endpoint) == 0);
+}
+
+static int64_t take(udpcomm *u, char *data, size_t size, struct sockaddr *peer) {
+    CHECK(size == 5 && strcmp(data, "hello") == 0 && peer->sa_family == AF_INET);
+    CHECK(u->recv_count == 1 && u->recv_bytes == 5);
+    return sem_post(u->arg);
+}
+
+static void use_xudpcomm(void) {
+    sem_t arrived;
+    sem_init(&arrived, 0, 0);
+    udpcomm *u = udpcomm_open(AF_INET, "127.0.0.1", 0);
+    xsockaddr here;
+    socklen_t length = sizeof here;
+    CHECK(udpcomm_start(u, take, &arrived) == 0 && udpcomm_detach(u) == 0);
+    CHECK(getsockname(u->sock->fd, &here.sa, &length) == 0 && udpcomm_switch(u, 0) == 0);
+    CHECK(udpcomm_send(u, "hello", 5, &here.sa) == -1 && udpcomm_switch(u, 1) == 0);
+    CHECK(udpcomm_send(u, "hello", 5, &here.sa) == 5 && u->send_count == 1);
+    sem_wait(&arrived);
+    CHECK(udpcomm_close(u) == 0 && sem_destroy(&arrived) == 0);
+}
+
 int main(int argc, char *argv[]) {
     (void)argc;
     char directory[] = "/tmp/keel-host-XXXXXX";
@@ -426,6 +478,9 @@ int main(int argc, char *argv[]) {
     use_xpool();
     use_xthread();
     use_xtime();
+    use_xnet();
+    use_xsocket();
+    use_xudpcomm();
     use_xlog(argv, directory);
     CHECK(get_system_stat() == 0 && ss.ncpu >= 2);
     CHECK(Systemf("rm -r %s", directory) == 0);

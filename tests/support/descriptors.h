@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <sys/resource.h>
 #include <system_error>
 #include <vector>
 
@@ -22,6 +23,14 @@ inline std::vector<int> descriptors_of(const std::string &path) {
 inline std::ptrdiff_t count_descriptors() {
     const std::filesystem::directory_iterator first("/proc/self/fd");
     return std::distance(first, std::filesystem::directory_iterator());
+}
+
+/* In a child: from now on it gets no descriptor. */
+inline void forbid_descriptors() {
+    rlimit descriptors{};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
 }
 
 } // namespace keel_test

@@ -40,14 +40,15 @@ class fake_files {
         bind(socket, path);
     }
 
+    /* From now on `path` is what `fake` is: files both, or directories. */
+    static void bind(const std::string &fake, const std::string &path) {
+        insist(mount(fake.c_str(), path.c_str(), "", MS_BIND, "") == 0, path);
+    }
+
   private:
     std::string fake_of(std::string path) const {
         std::replace(path.begin(), path.end(), '/', '_');
         return directory_ + "/" + path;
-    }
-
-    static void bind(const std::string &fake, const std::string &path) {
-        insist(mount(fake.c_str(), path.c_str(), "", MS_BIND, "") == 0, path);
     }
 
     static void insist(bool done, const std::string &path) {

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "leaves_nothing.h"
+#include "speechless.h"
 #include "xtime.h"
 
 namespace keel_test {
@@ -25,34 +25,8 @@ constexpr std::int64_t hour = 3'600'000; // milliseconds
 inline const std::string id_warning =
     "This is an id producer with binding, no argument auto free function warning.\n";
 
-/* A test whose timers speak to nobody. What it has to say itself is said at its end. */
-class Timers : public LeavesNothing {
-  protected:
-    ~Timers() override { speak(); }
-
-    void TearDown() override {
-        speak();
-        const testing::TestInfo &test = *testing::UnitTest::GetInstance()->current_test_info();
-        for (int i = 0; i < test.result()->total_part_count(); i++)
-            std::cout << test.result()->GetTestPartResult(i).file_name() << ":"
-                      << test.result()->GetTestPartResult(i).line_number() << ": "
-                      << test.result()->GetTestPartResult(i).message() << std::endl;
-        LeavesNothing::TearDown();
-    }
-
-  private:
-    void speak() {
-        if (nowhere_ == nullptr)
-            return;
-        stdout = out_;
-        stderr = err_;
-        std::fclose(std::exchange(nowhere_, nullptr));
-    }
-
-    FILE *nowhere_ = std::fopen("/dev/null", "w");
-    FILE *out_ = std::exchange(stdout, nowhere_);
-    FILE *err_ = std::exchange(stderr, nowhere_);
-};
+/* A test whose timers speak to nobody. */
+using Timers = Speechless;
 
 /* What stands in for the exec() of a timer's pool, once it is put there. */
 inline std::function<int(thread_routine routine, void *arg)> instead_of_exec;
