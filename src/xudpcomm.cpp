@@ -36,7 +36,7 @@ endpoint &whole(udpcomm &u) {
     return static_cast<endpoint &>(u);
 }
 
-void *const failed = reinterpret_cast<void *>(-1);
+void *const failed = reinterpret_cast<void *>(-1); // NOLINT: the thread's exit value
 
 /* The thread ends. False where it is being cancelled at that very moment, and waited for. */
 bool leave(endpoint &self) {

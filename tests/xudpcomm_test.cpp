@@ -685,6 +685,24 @@ TEST_F(Udpcomm, ClosingWaitsForACallbackThatCannotBeCancelled) {
     at.go.post();
 }
 
+TEST_F(Udpcomm, ACallbackMayEndItsThreadAsIfItWereCancelled) {
+    const plain_socket peer(there);
+    for (const bool detached : {false, true}) {
+        udpcomm *u = open_at(here);
+        const auto leave = [](udpcomm *, char *, std::size_t, sockaddr *) -> std::int64_t {
+            pthread_exit(nullptr);
+        };
+        const auto threads = count_threads();
+        ASSERT_EQ(udpcomm_start(u, leave, nullptr), 0);
+        if (detached)
+            udpcomm_detach(u);
+        ASSERT_TRUE(peer.send("x"));
+        EXPECT_TRUE(eventually([&] { return count_threads() == threads; }));
+        EXPECT_EQ(value_of(u->done), 1);
+        EXPECT_EQ(udpcomm_close(u), 0);
+    }
+}
+
 TEST_F(Udpcomm, AThreadThatIsCancelledClosesAllTheSame) {
     udpcomm *u = open_at(here);
     ASSERT_EQ(udpcomm_start(u, ignore, nullptr), 0);
