@@ -600,20 +600,21 @@ class reachable {
         if (is_given(self.set.listen))
             inet_ntop(AF_INET, &self.set.listen.sin_addr, ip, sizeof ip);
         self.endpoint = udpcomm_open(AF_INET, ip, ntohs(self.set.listen.sin_port));
-        bound_ = port() != 0 && udpcomm_start(self.endpoint, take_request, &self) == 0;
-        if (bound_ && is_given(self.set.listen))
+        started_ = udpcomm_start(self.endpoint, take_request, &self) == 0;
+        if (as_asked() && is_given(self.set.listen))
             self.log.write(notice, "answering on %s:%d", ip, port());
     }
     ~reachable() {
-        if (self_.endpoint != nullptr && bound_)
+        if (started_)
             udpcomm_close(self_.endpoint);
     }
     reachable(const reachable &) = delete;
     reachable &operator=(const reachable &) = delete;
 
-    bool as_asked() const { return self_.endpoint == nullptr || bound_; }
+    bool as_asked() const { return self_.endpoint == nullptr || (started_ && port() != 0); }
 
   private:
+    /* 0 where it could not be bound. */
     int port() const {
         xsockaddr local{};
         socklen_t length = sizeof local;
@@ -622,7 +623,7 @@ class reachable {
     }
 
     watch &self_;
-    bool bound_ = false;
+    bool started_ = false;
 };
 
 /* Asks another watchkeeper; prints its answer. The program's exit status. */
