@@ -56,8 +56,8 @@ class unique_fd {
     int descriptor_;
 };
 
-/* The file at `path` as a stream, or null. A thread that is cancelled while it waits in fopen()
- * leaves the stream behind. */
+/* The file at `path` as a stream, or null. A thread that is cancelled in fopen() leaves the
+ * stream behind; in open() it is a descriptor, and only if the open() was just done. */
 inline unique_file open_to_read(const char *path) {
     if (path == nullptr)
         return nullptr;

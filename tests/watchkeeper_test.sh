@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Runs the example service: its log, its endings, and what it says of bad settings.
-# usage: watchkeeper_test.sh WATCHKEEPER SETTINGS
+# usage: watchkeeper_test.sh WATCHKEEPER DIRECTORY_OF_ITS_FILES
 set -u
 watchkeeper=$1
-settings=$2
+settings=$2/watchkeeper.ini
+napper=$2/napper
 dir=$(mktemp -d)
-trap 'kill $(jobs -p) 2>/dev/null; rm -rf "$dir"' EXIT
+first='' second=''
+trap 'kill $(jobs -p) $first $second 2>/dev/null; rm -rf "$dir"' EXIT
 cd "$dir" || exit 1
 mkdir log
 cp "$settings" shipped.ini
@@ -47,6 +49,8 @@ setting cleanup '/tmp = 90 %, 7 weeks'; refused 'cleanup::/tmp = "90 %, 7 weeks"
 setting remote 'listen = 7400'; refused 'remote::listen = "7400" is not like 127.0.0.1:7400' bad.ini
 setting remote 'allow = 127.0.0.1, all'; refused 'remote::allow = "127.0.0.1, all" is not like' bad.ini
 refused '--status = "here" is not like' --status here
+setting watch 'processes = /nowhere'; refused 'watch::processes = "/nowhere" is not a file' bad.ini
+setting watch 'starts = 0'; refused 'watch::starts = "0" is not a number from 1 to 60' bad.ini
 printf '[log]\ndirectory = nowhere\n' >bad.ini; refused 'log::directory = "nowhere" is not a directory' bad.ini
 
 check "--help" sh -c '"$1" --help | grep -q "^usage: watchkeeper"' sh "$watchkeeper"
@@ -147,6 +151,51 @@ kill $service
 check "status 0" wait $service
 check "--status without a service" sh -c '! "$1" --status "127.0.0.1:$2" 2>err && grep -q "no answer" err' sh "$watchkeeper" "$port"
 check "archives of rotation and end" test "$(ls log | grep -c _)" = 2
+rm log/*
+
+# It starts what it supervises, again where it is killed, and tells so.
+nap=nap$$
+cp "$napper" $nap
+printf 'proc1 = %s, %s, %s 3600\nproc2 = absent%s\n' $nap "$dir" $nap $$ >watch.conf
+read -r port beat <<<"$(python3 ask.py 0)"
+printf '%s\n' '[log]' 'directory = log' '[watch]' 'processes = watch.conf' 'pause = 5' \
+    '[remote]' "listen = 127.0.0.1:$port" >watch.ini
+await() { # COUNT TEXT: waits until the log holds so many of them
+    local tries=0
+    until [ -e log/watchkeeper.log ] && [ "$(grep -c "$2" log/watchkeeper.log)" -ge "$1" ]; do
+        [ $((tries++)) -lt 1200 ] || { echo "FAILED: no $1 of $2 in $(cat log/*)"; failed=1; break; }
+        sleep 0.05
+    done
+}
+last_pid() { sed -n "s/.* $nap: running, pid //p" log/watchkeeper.log | tail -n 1; }
+"$watchkeeper" watch.ini >reports &
+service=$!
+await 1 " $nap: running, pid"
+first=$(last_pid)
+check "a process of that name" grep -qzxF "$dir/$nap" "/proc/$first/cmdline"
+"$watchkeeper" --status "127.0.0.1:$port" >status
+check "its state in the status: $(cat status)" grep -qE \
+    "^$nap +running +pid $first +cpu +[0-9.]+%  memory +[0-9.]+%  up 0d 00:0[0-9]:[0-9]{2}\$" status
+check "the state of one that is only watched" grep -qE "^absent$$ +not running\$" status
+kill -KILL "$first"
+await 2 " $nap: running, pid"
+second=$(last_pid)
+kill $service
+check "status 0" wait $service
+check "it leaves what it supervises running" kill -KILL "$second"
+check "another process: $first, $second" test "$first" != "$second"
+check "each change of state: $(grep $$: log/*)" cmp <(sed -n "s/.*\[   Notice.6\] $nap: //p" log/*) <(
+    printf '%s\n' 'not running' 'starting it, and not again within 5 s' "started, pid $first" "running, pid $first" \
+        stopped 'not running' 'starting it, and not again within 10 s' "started, pid $second" "running, pid $second")
+check "the one that is only watched" test "$(grep -c "absent$$" log/*)" = 1
+rm log/*
+
+# What does not stay is started less and less often, and no more often in a minute than is set.
+printf 'proc1 = never%s, /bin, false\n' $$ >watch.conf
+printf '%s\n' '[log]' 'directory = log' '[watch]' 'processes = watch.conf' 'pause = 1' 'starts = 2' >watch.ini
+check "a run with one that ends at once" "$watchkeeper" --seconds 7 watch.ini >reports
+check "its starts: $(grep $$: log/*)" cmp <(sed -n "s/.*\] never$$: //p" log/*) <(printf '%s\n' 'not running' \
+    'starting it, and not again within 1 s' 'Failed start.' 'starting it, and not again within 2 s' 'Failed start.')
 rm log/*
 
 # A signal ends it cleanly while it waits.

@@ -14,21 +14,18 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <limits>
-#include <malloc.h>
 #include <random>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <unistd.h>
 #include <vector>
 
 #include "child.h"
 #include "descriptors.h"
 #include "fake_files.h"
+#include "heap.h"
+#include "lies_at.h"
 #include "temp_dir.h"
-
-/* There with the address and the thread sanitizer, whose heap mallinfo2() does not know. */
-extern "C" std::size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak)); // NOLINT
 
 namespace {
 
@@ -38,6 +35,7 @@ using keel_test::count_descriptors;
 using keel_test::descriptors_of;
 using keel_test::exited;
 using keel_test::fake_files;
+using keel_test::heap_in_use;
 using keel_test::run_in_child;
 using keel_test::run_with_fakes;
 using keel_test::temp_dir;
@@ -47,10 +45,6 @@ using std::string;
 constexpr std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
 
 /* ---- The records ---------------------------------------------------------------------------- */
-
-#define LIES_AT(record, field, type, place)                                                        \
-    static_assert(offsetof(record, field) == (place) &&                                            \
-                  std::is_same_v<decltype(record::field), type>)
 
 LIES_AT(cpu_counter, cur, std::uint64_t, 0);
 LIES_AT(cpu_counter, prev, std::uint64_t, 8);
@@ -764,12 +758,6 @@ TEST_F(Snapshot, EveryCallSeesFreshFigures) {
             ASSERT_FALSE(HasFailure()) << call;
         }
     });
-}
-
-std::size_t heap_in_use() {
-    return __sanitizer_get_current_allocated_bytes != nullptr
-               ? __sanitizer_get_current_allocated_bytes()
-               : mallinfo2().uordblks;
 }
 
 void expect_four_kept_streams() {

@@ -5,7 +5,8 @@
  * Every few seconds it takes a snapshot of the host and logs one line: how busy each processor is,
  * how full memory and swap are, how long the host has been up. Less often it sums up what it saw,
  * and deletes the oldest files of directories whose disk is too full. A timer has its pooled
- * workers do all that, and reports on standard output. Over UDP it answers "status", "rotate" and
+ * workers do all that, and reports on standard output. It supervises other processes: their changes
+ * of state are logged, and what is absent is started. Over UDP it answers "status", "rotate" and
  * "ping" of those whom it trusts, and sends a sign of life. SIGTERM and SIGINT end the service, and
  * the log is archived. `watchkeeper --help` shows the usage, watchkeeper.ini beside this file the
  * settings, which `watchkeeper --set` changes.
@@ -22,10 +23,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fstream>
 #include <getopt.h>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <sstream>
 #include <string>
@@ -61,6 +64,14 @@ struct intervals {
     long summary = 60;
     long cleanup = 60;
     long heartbeat = 10;
+    long watch = 1;
+};
+
+/* Which processes are supervised, and how eagerly they are started. */
+struct supervision {
+    std::string processes; /* the file that names them; none where this is empty */
+    long starts = 6;       /* of one process in a minute, at most */
+    long pause = 2;        /* seconds behind a start; twice as long behind each further one */
 };
 
 /* An IPv4 address and a port; "no_place" where nothing was given. */
@@ -83,6 +94,7 @@ struct settings {
     thresholds warn{80, 85, 50};
     thresholds crit{101, 95, 90};
     std::vector<clean_directory> cleanup{};
+    supervision watch{};
     place listen = no_place;
     place heartbeat = no_place;
     std::vector<in_addr_t> allowed{htonl(INADDR_LOOPBACK)};
@@ -182,6 +194,14 @@ void take(settings &to, const ini_entry &entry) {
         to.tasks.cleanup = value(1, 86400);
     else if (key.starts_with("cleanup::/"))
         to.cleanup.push_back({key.substr(std::strlen("cleanup::")), limits(entry)});
+    else if (key == "watch::processes")
+        to.watch.processes = entry.value;
+    else if (key == "watch::interval")
+        to.tasks.watch = value(1, 86400);
+    else if (key == "watch::starts")
+        to.watch.starts = value(1, 60);
+    else if (key == "watch::pause")
+        to.watch.pause = value(1, 3600);
     else if (key == "remote::listen")
         to.listen = address_and_port(entry.key, entry.value);
     else if (key == "remote::allow")
@@ -229,6 +249,9 @@ settings read_settings(const char *path) {
     for (const clean_directory &clean : read.cleanup)
         if (fexist(clean.path.c_str(), 1) != 0)
             complain("cleanup::%s is not a directory", clean.path.c_str());
+    const std::string &processes = read.watch.processes;
+    if (!processes.empty() && fexist(processes.c_str(), 0) != 0)
+        complain("watch::processes = \"%s\" is not a file", processes.c_str());
     return read;
 }
 
@@ -388,6 +411,14 @@ std::int64_t monotonic_ms() {
     return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
 }
 
+/* A supervised process, as the status shows it. */
+struct watched {
+    std::string name;
+    std::uint32_t status = PROC_UNKNOWN;
+    pid_t pid = 0;
+    proc_stat use{};
+};
+
 /* What the tasks share. A task that takes longer than its interval runs beside itself, and the
  * library's snapshot is for one thread at a time. */
 struct watch {
@@ -398,6 +429,7 @@ struct watch {
     std::uint64_t looks = 0;
     double busiest_cpu = 0; /* since the last summary */
     double fullest_memory = 0;
+    std::vector<watched> processes{};
     std::mutex cleaning{};
     udpcomm *endpoint = nullptr;
     std::atomic<std::uint64_t> answered = 0;
@@ -430,6 +462,11 @@ struct line {
     char *text = nullptr;
 };
 
+void describe_uptime(line &to, std::uint64_t seconds) {
+    astrcatf(&to.text, "up %" PRIu64 "d %02" PRIu64 ":%02" PRIu64 ":%02" PRIu64, seconds / 86400,
+             seconds / 3600 % 24, seconds / 60 % 60, seconds % 60);
+}
+
 void describe_snapshot(line &to) {
     astrcatf(&to.text, "cpu %.1f%%", ss.cpu[0].usage);
     for (std::uint64_t i = 1; i < ss.ncpu; i++)
@@ -442,9 +479,16 @@ void describe_snapshot(line &to) {
         astrcatf(&to.text, "; no swap");
     else
         astrcatf(&to.text, "; swap %.1f%% of %.1f GB", ss.swap_usage, gigabytes(ss.swap_total));
-    const long up = static_cast<long>(ss.uptime);
-    astrcatf(&to.text, "; up %ldd %02ld:%02ld:%02ld", up / 86400, up / 3600 % 24, up / 60 % 60,
-             up % 60);
+    astrcatf(&to.text, "; ");
+    describe_uptime(to, static_cast<std::uint64_t>(ss.uptime));
+}
+
+/* What the processes use is measured over the same time as the processors, and so right behind it.
+ */
+void measure(std::vector<watched> &processes) {
+    for (watched &process : processes)
+        if (process.pid != 0 && get_stat_by_pid(process.pid, &process.use) == 0)
+            get_process_stat(&process.use, &ss, 0);
 }
 
 /* Task: a look at the host. */
@@ -452,6 +496,7 @@ void *snapshot(void *watch_) {
     watch &self = *static_cast<watch *>(watch_);
     const std::lock_guard guard(self.lock);
     get_system_stat();
+    measure(self.processes);
     line described;
     describe_snapshot(described);
     const bool first = self.looks++ == 0;
@@ -506,6 +551,140 @@ void *clean_directories(void *watch_) {
     return nullptr;
 }
 
+/* ---- Supervision ---------------------------------------------------------------------------- */
+
+constexpr const char *status_words[] = {"unknown", "restarted", "started",
+                                        "stopped", "running",   "not running"};
+
+/* When one process may be started again: less and less often while it does not stay. */
+class pacing {
+  public:
+    bool permits(std::int64_t now, const supervision &set) {
+        while (!starts_.empty() && now - starts_.front() >= minute)
+            starts_.pop_front();
+        return now >= next_ && std::ssize(starts_) < set.starts;
+    }
+
+    /* Tells the pause in seconds. */
+    long started(std::int64_t now, const supervision &set) {
+        pause_ = pause_ == 0 ? set.pause : std::min(2 * pause_, longest_pause);
+        next_ = now + pause_ * 1000;
+        starts_.push_back(now);
+        return pause_;
+    }
+
+    void runs(std::int64_t now) {
+        if (now - next_ >= minute)
+            pause_ = 0;
+    }
+
+  private:
+    static constexpr std::int64_t minute = 60'000;
+    static constexpr long longest_pause = 3600;
+
+    std::deque<std::int64_t> starts_; /* in the last minute */
+    std::int64_t next_ = 0;
+    long pause_ = 0;
+};
+
+/* The monitor and what comes of it. One task at a time; what others see of it is in the watch. */
+class supervisor {
+  public:
+    explicit supervisor(watch &shared) : shared_(shared) {
+        const std::string &path = set().processes;
+        if (proc_monitor_init(&monitor_, path.c_str(), '=') != 0)
+            complain("cannot read \"%s\"", path.c_str());
+        for (const proc_node *node = monitor_.list->head; node != nullptr; node = node->next)
+            shared_.processes.push_back({.name = item(node).name});
+        pacing_.resize(shared_.processes.size());
+    }
+    ~supervisor() { monitor_.destroy(&monitor_); }
+    supervisor(const supervisor &) = delete;
+    supervisor &operator=(const supervisor &) = delete;
+
+    /* A run that meets another one leaves it to it. */
+    void supervise() {
+        const std::unique_lock guard(lock_, std::try_to_lock);
+        if (!guard.owns_lock())
+            return;
+        refresh();
+        if (start_absent()) // and show at once what came of it
+            refresh();
+    }
+
+  private:
+    const supervision &set() const { return shared_.set.watch; }
+
+    static const proc_monitor_item &item(const proc_node *node) {
+        return *static_cast<proc_monitor_item *>(node->data);
+    }
+
+    void refresh() {
+        monitor_.refresh(&monitor_);
+        auto seen = shared_.processes.begin();
+        for (const proc_node *node = monitor_.list->head; node != nullptr; node = node->next)
+            take(item(node), *seen++);
+    }
+
+    void take(const proc_monitor_item &now, watched &seen) {
+        if (now.run_status == seen.status && now.info.pid == seen.pid)
+            return;
+        if (now.info.pid != 0)
+            shared_.log.write(notice, "%s: %s, pid %d", now.name, status_words[now.run_status],
+                              now.info.pid);
+        else
+            shared_.log.write(notice, "%s: %s", now.name, status_words[now.run_status]);
+        const std::lock_guard guard(shared_.lock);
+        if (now.info.pid != seen.pid) {
+            seen.use = {};
+            get_stat_by_pid(now.info.pid, &seen.use); // what it used before does not count
+        }
+        seen.pid = now.info.pid;
+        seen.status = now.run_status;
+    }
+
+    /* Tells whether it started any. */
+    bool start_absent() {
+        const std::int64_t now = monotonic_ms();
+        bool any = false;
+        auto pace = pacing_.begin();
+        for (const proc_node *node = monitor_.list->head; node != nullptr; node = node->next) {
+            pacing &pacing = *pace++;
+            if (item(node).run_status == PROC_RUNNING)
+                pacing.runs(now);
+            if (is_absent(item(node)) && pacing.permits(now, set())) {
+                start(item(node), pacing.started(now, set()));
+                any = true;
+            }
+        }
+        return any;
+    }
+
+    /* One without a command is only watched. */
+    static bool is_absent(const proc_monitor_item &process) {
+        return process.run_status == PROC_NOT_RUNNING && *process.info.cmdline != '\0';
+    }
+
+    void start(const proc_monitor_item &process, long pause) {
+        shared_.log.write(notice, "%s: starting it, and not again within %ld s", process.name,
+                          pause);
+        const int result = monitor_.operate(&monitor_, process.name, PROC_OP_START);
+        if (result != 0)
+            shared_.log.write(warning, "%s: %s", process.name, proc_operate_error_message[result]);
+    }
+
+    watch &shared_;
+    proc_monitor monitor_{};
+    std::vector<pacing> pacing_;
+    std::mutex lock_;
+};
+
+/* Task: the processes that are supervised. */
+void *supervise(void *supervisor_) {
+    static_cast<supervisor *>(supervisor_)->supervise();
+    return nullptr;
+}
+
 /* ---- Who asks from elsewhere ---------------------------------------------------------------- */
 
 /* One line, such as "cpu0    [########------------]  40.1%". */
@@ -518,9 +697,20 @@ void describe_bar(line &to, const char *name, double percent) {
     astrcatf(&to.text, "%-8s [%s] %5.1f%%\n", name, bar, percent);
 }
 
+void describe_process(line &to, const watched &process) {
+    astrcatf(&to.text, "%-15.15s %-11s", process.name.c_str(), status_words[process.status]);
+    if (process.pid != 0) {
+        astrcatf(&to.text, " pid %-7d cpu %5.1f%%  memory %4.1f%%  ", process.pid,
+                 process.use.cpu_usage, process.use.mem_usage);
+        describe_uptime(to, process.use.run_seconds);
+    }
+    astrcatf(&to.text, "\n");
+}
+
 /* One screen of text. */
 void describe_status(line &to, watch &self) {
-    constexpr std::uint64_t most_cpus = 32;
+    constexpr std::uint64_t most_cpus = 24;
+    constexpr std::size_t most_processes = 20;
     const std::lock_guard guard(self.lock);
     const std::int64_t up = (monotonic_ms() - self.begin) / 1000;
     astrcatf(&to.text, "watchkeeper, up %" PRId64 " s, %" PRIu64 " looks\n", up, self.looks);
@@ -531,12 +721,19 @@ void describe_status(line &to, watch &self) {
     describe_bar(to, "memory", ss.mem_usage);
     if (!std::isnan(ss.swap_usage))
         describe_bar(to, "swap", ss.swap_usage);
+    const std::vector<watched> &processes = self.processes;
+    for (std::size_t i = 0; i < std::min(processes.size(), most_processes); i++)
+        describe_process(to, processes[i]);
+    if (processes.size() > most_processes)
+        astrcatf(&to.text, "... and %zu more\n", processes.size() - most_processes);
     const intervals &every = self.set.tasks;
     astrcatf(&to.text, "tasks: snapshot every %ld s, summary every %ld s", every.snapshot,
              every.summary);
     if (!self.set.cleanup.empty())
         astrcatf(&to.text, ", clean-up of %zu directories every %ld s", self.set.cleanup.size(),
                  every.cleanup);
+    if (!processes.empty())
+        astrcatf(&to.text, ", %zu processes looked for every %ld s", processes.size(), every.watch);
     astrcatf(&to.text, "\nrequests: %" PRIu64 " answered, %" PRIu64 " ignored\n",
              self.answered.load(), self.ignored.load());
 }
@@ -647,9 +844,9 @@ int ask_status(const place &where) {
     return length >= 0 ? 0 : 1;
 }
 
-bool repeat(timer &clock, thread_routine task, watch &arg, long seconds) {
+bool repeat(timer &clock, thread_routine task, void *arg, long seconds) {
     const std::int64_t milliseconds = seconds * 1000;
-    return clock.schedule(&clock, task, &arg, milliseconds, -1, milliseconds) != -1;
+    return clock.schedule(&clock, task, arg, milliseconds, -1, milliseconds) != -1;
 }
 
 /* ---- The service ---------------------------------------------------------------------------- */
@@ -669,18 +866,23 @@ int wait_for_end(long seconds, const sigset_t &ending) {
     }
 }
 
-bool start_tasks(timer &clock, watch &shared) {
+/* Without a supervisor nothing is supervised. */
+bool start_tasks(timer &clock, watch &shared, supervisor *processes) {
     const settings &set = shared.set;
     return clock.start(&clock, snapshot, &shared, 0) == 0 &&
-           repeat(clock, snapshot, shared, set.tasks.snapshot) &&
-           repeat(clock, summary, shared, set.tasks.summary) &&
-           (set.cleanup.empty() || repeat(clock, clean_directories, shared, set.tasks.cleanup)) &&
-           (!is_given(set.heartbeat) || repeat(clock, heartbeat, shared, set.tasks.heartbeat));
+           repeat(clock, snapshot, &shared, set.tasks.snapshot) &&
+           repeat(clock, summary, &shared, set.tasks.summary) &&
+           (processes == nullptr || repeat(clock, supervise, processes, set.tasks.watch)) &&
+           (set.cleanup.empty() || repeat(clock, clean_directories, &shared, set.tasks.cleanup)) &&
+           (!is_given(set.heartbeat) || repeat(clock, heartbeat, &shared, set.tasks.heartbeat));
 }
 
 /* Tells whether the watch could be kept at all. */
 bool keep_watch(const settings &set, journal &log, long seconds, const sigset_t &ending) {
     watch shared{.set = set, .log = log};
+    std::optional<supervisor> processes;
+    if (!set.watch.processes.empty())
+        processes.emplace(shared);
     const reachable endpoint(shared);
     if (!endpoint.as_asked()) {
         std::fputs("watchkeeper: cannot listen as remote::listen asks\n", stderr);
@@ -689,7 +891,7 @@ bool keep_watch(const settings &set, journal &log, long seconds, const sigset_t 
     timer *clock = timer_new();
     if (clock == nullptr)
         return false;
-    const bool started = start_tasks(*clock, shared);
+    const bool started = start_tasks(*clock, shared, processes ? &*processes : nullptr);
     const int signal = started ? wait_for_end(seconds, ending) : 0;
     clock->del(clock); // cancels what runs
     if (signal != 0)

@@ -453,6 +453,56 @@ static void use_xudpcomm(void) {
     CHECK(udpcomm_close(u) == 0 && sem_destroy(&arrived) == 0);
 }
 
+static void use_xfsproc_readers(void) {
+    uptime_val up;
+    boot_time boot;
+    uint64_t processors = 0;
+    cpu_stat ticks;
+    mem_stat memory;
+    net_dev_stat lo;
+    static disk_stat disks[4];
+    static mount_stat mounts[4];
+    CHECK(uptime1(&up) == 0 && up.sec > 0 && boottime1(&boot) == 0 && boot.sec > 0);
+    CHECK(cpuinfo(NULL, &processors) == 0 && processors > 0);
+    CHECK(cpustat(NULL, &ticks) == 0 && ticks.idle > 0);
+    CHECK(meminfo(NULL, &memory) == 0 && memory.mem_total > memory.mem_used);
+    CHECK(net_dev(NULL, NULL, 0, NULL, 0) >= 0 && net_dev_info(NULL, "lo", &lo) == 0);
+    CHECK(diskstats(NULL, disks, 4) >= 0 && fstab(mounts, 4) >= 0);
+}
+
+static void use_xfsproc_processes(void) {
+    static const char absent[] = "no process is called so";
+    proc_stat stat = {0};
+    proc_info self;
+    char line[2048];
+    pid_t pid = 0;
+    CHECK(get_system_stat() == 0 && ss.ncpu >= 2);
+    CHECK(get_stat_by_pid(getpid(), &stat) == 0 && stat.ppid == getppid());
+    CHECK(get_process_stat(&stat, &ss, 1) == 0 && stat.mem_usage > 0);
+    CHECK(get_cmdline_by_pid(getpid(), line, sizeof line) == line);
+    CHECK(proc_snapshot(getpid(), &self) == 0 && pname_cmp(&self, self.name) == 0);
+    CHECK(find_pid_by_name(self.name, &pid, 1) >= 1 && pid > 0);
+    CHECK(pkill(absent) == 0 && fuser(self.exe, NULL, 0) >= 0 && finuse(absent) == -1);
+}
+
+static void use_xfsproc_monitor(const char *directory) {
+    char path[64];
+    snprintf(path, sizeof path, "%s/watch.conf", directory);
+    CHECK(file_cover(path, "proc1 = first, /bin, true\nproc2 = second\n") > 0);
+    proc_monitor monitor;
+    CHECK(proc_monitor_init(&monitor, path, '=') == 0 && monitor.list->count == 2);
+    CHECK(proc_monitor_refresh(&monitor) == 0);
+    proc_monitor_item *first = proc_monitor_search(&monitor, "first");
+    const char *name = "first";
+    CHECK(proc_info_compar(&name, &first) == 0 && proc_start(first) == 0);
+    CHECK((int)first->run_status == proc_run_status(0, 0));
+    const int result = proc_monitor_operate(&monitor, "second", PROC_OP_START);
+    CHECK(strcmp(proc_operate_error_message[result], "Failed start.") == 0);
+    CHECK(proc_stop(INT32_MAX) == -1 && proc_monitor_destroy(&monitor) == 0);
+    void *block = malloc(1);
+    proc_info_free(&block);
+}
+
 int main(int argc, char *argv[]) {
     (void)argc;
     char directory[] = "/tmp/keel-host-XXXXXX";
@@ -482,7 +532,9 @@ int main(int argc, char *argv[]) {
     use_xsocket();
     use_xudpcomm();
     use_xlog(argv, directory);
-    CHECK(get_system_stat() == 0 && ss.ncpu >= 2);
+    use_xfsproc_readers();
+    use_xfsproc_processes();
+    use_xfsproc_monitor(directory);
     CHECK(Systemf("rm -r %s", directory) == 0);
     return failures == 0 ? 0 : 1;
 }
