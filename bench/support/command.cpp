@@ -56,6 +56,7 @@ void run_command(const std::vector<std::string> &words) {
     posix_spawn_file_actions_t output;
     posix_spawn_file_actions_init(&output);
     posix_spawn_file_actions_addopen(&output, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&output, STDOUT_FILENO, STDERR_FILENO);
     pid_t child = -1;
     const int error = posix_spawnp(&child, words[0].c_str(), &output, nullptr,
                                    arguments_of(words).data(), environ);

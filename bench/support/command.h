@@ -6,8 +6,8 @@
 
 namespace bench {
 
-/* Runs a command from start to end, its standard output sent to /dev/null. Ends the program where
- * the command fails. */
+/* Runs a command from start to end; what it prints goes to /dev/null. Ends the program where the
+ * command fails. */
 void run_command(const std::vector<std::string> &words);
 
 /* What a process held when it ended. */
