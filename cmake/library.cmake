@@ -15,9 +15,17 @@ file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/keel.map @ONLY
 
 find_package(Threads REQUIRED)
 
+# Their headers alone: hosts that use these families link the client libraries themselves, and others
+# do without.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(KEEL_CURL REQUIRED IMPORTED_TARGET libcurl)
+pkg_search_module(KEEL_MYSQL REQUIRED IMPORTED_TARGET libmariadb mysqlclient mariadb)
+set(keel_client_headers ${KEEL_CURL_INCLUDE_DIRS} ${KEEL_MYSQL_INCLUDE_DIRS})
+
 add_library(keel_objects OBJECT ${keel_sources})
 set_target_properties(keel_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
 target_include_directories(keel_objects PUBLIC include)
+target_include_directories(keel_objects SYSTEM PRIVATE ${keel_client_headers})
 target_link_libraries(keel_objects PRIVATE keel_own_build Threads::Threads)
 
 add_library(keel SHARED $<TARGET_OBJECTS:keel_objects>)

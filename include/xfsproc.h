@@ -28,8 +28,8 @@
  * #include <xfsproc.h>
  *
  * int main(void) {
- *     proc_stat self = {0};
- *     net_dev_stat interfaces[8] = {{0}};
+ *     static proc_stat self; // zeroed, as all these records are to be before their first use
+ *     static net_dev_stat interfaces[8];
  *     get_system_stat();
  *     printf("%s %.1f%%, memory %.1f%%, up %.0f s\n", ss.cpu[0].name, ss.cpu[0].usage,
  *            ss.mem_usage, ss.uptime);

@@ -56,16 +56,20 @@ class unique_fd {
     int descriptor_;
 };
 
+/* An open file as a stream, or null. */
+inline unique_file stream_on(unique_fd descriptor, const char *mode) {
+    unique_file file(descriptor ? fdopen(descriptor.get(), mode) : nullptr);
+    if (file != nullptr)
+        descriptor.release();
+    return file;
+}
+
 /* The file at `path` as a stream, or null. A thread that is cancelled in fopen() leaves the
  * stream behind; in open() it is a descriptor, and only if the open() was just done. */
 inline unique_file open_to_read(const char *path) {
     if (path == nullptr)
         return nullptr;
-    unique_fd descriptor(::open(path, O_RDONLY | O_CLOEXEC));
-    unique_file file(descriptor ? fdopen(descriptor.get(), "r") : nullptr);
-    if (file != nullptr)
-        descriptor.release();
-    return file;
+    return stream_on(unique_fd(::open(path, O_RDONLY | O_CLOEXEC)), "r");
 }
 
 } // namespace keel

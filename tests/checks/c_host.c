@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* A host in plain C: it includes every header, links keel alone, and calls every function once. */
+/* A host in plain C: it includes every header and calls every function once. Beside keel it links
+ * the client libraries that two families are for. */
 #define _DEFAULT_SOURCE
 #include <errno.h>
 #include <fcntl.h>
@@ -16,9 +17,14 @@
 
 #include <xconf.h>
 #include <xconvert.h>
+#include <xdb_mysql.h>
 #include <xfifo.h>
 #include <xfsproc.h>
+#include <xftp.h>
 #include <xgetopt.h>
+#include <xhd.h>
+#include <xhd_ata.h>
+#include <xhd_scsi.h>
 #include <xid.h>
 #include <xini.h>
 #include <xinotify.h>
@@ -503,6 +509,37 @@ static void use_xfsproc_monitor(const char *directory) {
     proc_info_free(&block);
 }
 
+static void use_xftp(const char *directory) {
+    static const char nobody[] = "ftp://127.0.0.1:1/";
+    const ftp_opt quiet = {5, 5, 0, 0, 0, NULL};
+    char path[64];
+    snprintf(path, sizeof path, "%s/fetched", directory);
+    CHECK(ftp_upload(nobody, "/dev/null", "user", "secret", &quiet) == CURLE_COULDNT_CONNECT);
+    CHECK(ftp_download(nobody, path, "user", "secret", &quiet) == CURLE_COULDNT_CONNECT);
+    CHECK(ftp_command(nobody, "user", "secret", &quiet, "NOOP", NULL) == CURLE_COULDNT_CONNECT);
+    CHECK(ftp_rename(nobody, "user", "secret", &quiet, "a", "b") == CURLE_COULDNT_CONNECT);
+}
+
+static void use_xdb_mysql(void) {
+    static MySQLConfig config = {.unix_socket = "/nowhere/mysql.sock"};
+    static MySQLConnection connection;
+    CHECK(MySQLConnectionInit(&connection, &config) == 0);
+    CHECK(connection.connect(&connection) == 2002 && connection.destroy(&connection) == 0);
+}
+
+static void use_xhd(void) {
+    unsigned char cdb[6] = {0};
+    unsigned char sense[32];
+    unsigned length = 0;
+    unsigned sense_length = sizeof sense;
+    char serial[SCSI_SERIAL_SIZE];
+    CHECK(scsi_open("/dev/null") == -1 && scsi_close(-1) == -1);
+    CHECK(scsi_io(-1, cdb, sizeof cdb, 0, NULL, &length, sense, &sense_length) == -1);
+    CHECK(scsi_inquiry_unit_serial_number(-1, serial, sizeof serial) == -1);
+    CHECK(ata_serial_no(serial, sizeof serial, "/dev/null") == -1);
+    CHECK(scsi_serial_no(serial, sizeof serial, "/dev/null") == -1 && hd_serial_no(NULL, 0) == -1);
+}
+
 int main(int argc, char *argv[]) {
     (void)argc;
     char directory[] = "/tmp/keel-host-XXXXXX";
@@ -535,6 +572,9 @@ int main(int argc, char *argv[]) {
     use_xfsproc_readers();
     use_xfsproc_processes();
     use_xfsproc_monitor(directory);
+    use_xftp(directory);
+    use_xdb_mysql();
+    use_xhd();
     CHECK(Systemf("rm -r %s", directory) == 0);
     return failures == 0 ? 0 : 1;
 }

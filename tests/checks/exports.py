@@ -3,14 +3,15 @@
 a comment of its own, and those that the host in plain C uses are all the same. Overloads for C++ stand
 there under their names as symbols, beside a function that C knows under the plain name.
 
-usage: exports.py SOURCE_DIR SHARED_LIBRARY STATIC_LIBRARY HOST"""
+usage: exports.py SOURCE_DIR SHARED_LIBRARY STATIC_LIBRARY HOST [HEADERS_OF_CLIENT_LIBRARIES...]"""
 import pathlib
 import re
 import subprocess
 import sys
 import tempfile
 
-source, shared, static, host = pathlib.Path(sys.argv[1]), *sys.argv[2:]
+source, shared, static, host = pathlib.Path(sys.argv[1]), *sys.argv[2:5]
+client_headers = [option for directory in sys.argv[5:] for option in ("-isystem", directory)]
 complaints = []
 
 
@@ -63,10 +64,10 @@ def functions_declared_in(directory, headers):
     """As the compiler reads them, marked or not. It lists them as /* file:line:kind */ declaration"""
     text = "".join(f'#include "{header.name}"\n' for header in headers)
     with tempfile.NamedTemporaryFile("r") as listed_here:
-        command = ["gcc", "-std=c11", f"-I{directory}", "-fsyntax-only", "-aux-info", listed_here.name, "-x", "c", "-"]
+        command = ["gcc", "-std=c11", f"-I{directory}", *client_headers, "-fsyntax-only", "-aux-info", listed_here.name, "-x", "c", "-"]
         output_of(*command, input=text)
         listing = listed_here.read()
-    return set(re.findall(rf"^/\* {re.escape(str(directory))}/[^:]*:\d+:\w+ \*/ .*?(\w+) \(", listing, re.M))
+    return set(re.findall(rf"^/\* {re.escape(str(directory))}/[^:]*:\d+:\w+ \*/ (?!static ).*?(\w+) \(", listing, re.M))
 
 
 def symbols_that_cpp_calls(directory, headers, overloads):
@@ -77,7 +78,7 @@ def symbols_that_cpp_calls(directory, headers, overloads):
         arguments = [f"a{i}" for i, _ in enumerate(types.split(", "))]
         parameters = ", ".join(map(" ".join, zip(types.split(", "), arguments)))
         text += f"void use{number}({parameters}) {{ {name}({', '.join(arguments)}); }}\n"
-    assembly = output_of("g++", "-std=c++17", f"-I{directory}", "-S", "-o", "-", "-x", "c++", "-", input=text)
+    assembly = output_of("g++", "-std=c++17", f"-I{directory}", *client_headers, "-S", "-o", "-", "-x", "c++", "-", input=text)
     return set(re.findall(r"\bcall\s+(\w+)", assembly))
 
 

@@ -2,7 +2,7 @@
 """Every public header compiles, alone and behind every other one, as C11 and as C++17, with gcc and with
 clang, without a warning; and is guarded under its own name.
 
-usage: headers.py SOURCE_DIR"""
+usage: headers.py SOURCE_DIR [HEADERS_OF_CLIENT_LIBRARIES...]"""
 import concurrent.futures
 import itertools
 import os
@@ -14,6 +14,7 @@ include = pathlib.Path(sys.argv[1]) / "include"
 headers = sorted(h.name for h in include.glob("*.h"))
 COMPILERS = [("gcc", "c", "c11"), ("g++", "c++", "c++17"), ("clang", "c", "c11"), ("clang++", "c++", "c++17")]
 FLAGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Werror", f"-I{include}"]
+FLAGS += [option for directory in sys.argv[2:] for option in ("-isystem", directory)]
 
 
 def compile_headers(job):
