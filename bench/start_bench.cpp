@@ -34,12 +34,14 @@ int main(int argc, char *argv[]) {
     const auto started = [](double bar) -> std::vector<bench::contender> {
         return {program_started("a program with keel", START_KEEL),
                 program_started("an empty C++ program", START_EMPTY, bar),
-                program_started("the same without the C++ run time", START_BARE)};
+                program_started("the same without the C++ run time", START_BARE),
+                program_started("a program with keel, libcurl too", START_FTP)};
     };
     const auto held = [](double footprint::*figure, double bar) -> std::vector<bench::contender> {
         return {program_held("a program with keel", START_KEEL, figure),
                 program_held("an empty C++ program", START_EMPTY, figure, bar),
-                program_held("the same without the C++ run time", START_BARE, figure)};
+                program_held("the same without the C++ run time", START_BARE, figure),
+                program_held("a program with keel, libcurl too", START_FTP, figure)};
     };
     return bench::measure(argc, argv,
                           {{.title = "Program start, from spawn to exit",

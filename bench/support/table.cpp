@@ -156,11 +156,14 @@ void print_table(const table &of, const collector &measured) {
 
 int measure(int argc, char *argv[], std::vector<table> tables) {
     for (const table &of : tables)
-        for (const contender &each : of.contenders)
-            benchmark::RegisterBenchmark(full_name(of, each).c_str(), [&each](
-                                                                          benchmark::State &state) {
-                repeat(state, each);
-            })->UseManualTime();
+        for (const contender &each : of.contenders) {
+            auto *registered = benchmark::RegisterBenchmark(
+                full_name(of, each).c_str(),
+                [&each](benchmark::State &state) { repeat(state, each); });
+            registered->UseManualTime();
+            if (!of.unit.empty()) // an amount is one, however long it takes to find out
+                registered->Iterations(1);
+        }
 
     char interleaving[] = "--benchmark_enable_random_interleaving=true";
     char repetitions[] = "--benchmark_repetitions=11";
