@@ -56,6 +56,13 @@ class unique_fd {
     int descriptor_;
 };
 
+/* Opens what makes nobody wait, such as a file of the kernel's or a device. It is not cancelled: in
+ * a thread that is, the C library loses the descriptor of an open() that was just done. */
+inline unique_fd open_uncancelled(const char *path, int flags) {
+    const cancel_shield shield;
+    return unique_fd(::open(path, flags | O_CLOEXEC));
+}
+
 /* An open file as a stream, or null. */
 inline unique_file stream_on(unique_fd descriptor, const char *mode) {
     unique_file file(descriptor ? fdopen(descriptor.get(), mode) : nullptr);
@@ -64,8 +71,8 @@ inline unique_file stream_on(unique_fd descriptor, const char *mode) {
     return file;
 }
 
-/* The file at `path` as a stream, or null. A thread that is cancelled in fopen() leaves the
- * stream behind; in open() it is a descriptor, and only if the open() was just done. */
+/* The file at `path` as a stream, or null; it may be one that has to be waited for. A thread that
+ * is cancelled in fopen() leaves the stream behind, in open() a descriptor at worst. */
 inline unique_file open_to_read(const char *path) {
     if (path == nullptr)
         return nullptr;

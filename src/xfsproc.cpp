@@ -14,7 +14,6 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
-#include <iterator>
 #include <memory>
 #include <mntent.h>
 #include <net/if.h>
@@ -68,9 +67,11 @@ void read_afresh(FILE *stream) {
     std::fflush(stream);
 }
 
-/* A kernel file for one reading: the caller's stream, or one of its own, with its buffer. A thread
- * that is cancelled while it opens a file would leave the descriptor behind, and nothing of the
- * kernel's makes it wait there. */
+unique_file open_kernel_file(const char *path) {
+    return keel::stream_on(keel::open_uncancelled(path, O_RDONLY), "r");
+}
+
+/* A kernel file for one reading: the caller's stream, or one of its own, with its buffer. */
 class kernel_file {
   public:
     kernel_file(FILE *given, const char *path) : stream_(given) {
@@ -78,8 +79,7 @@ class kernel_file {
             read_afresh(given);
             return;
         }
-        const keel::cancel_shield shield;
-        own_ = keel::open_to_read(path);
+        own_ = open_kernel_file(path);
         stream_ = own_.get();
         if (stream_ != nullptr)
             std::setvbuf(stream_, buffer_, _IOFBF, sizeof buffer_);
@@ -196,7 +196,7 @@ bool is_any_of(const char *name, std::span<char *const> names) {
     });
 }
 
-/* What the flags are asked for anew stays as it was where the system does not tell. */
+/* What the system does not tell stays as it was. */
 void take_state(net_dev_stat &to) {
     get_if_flags(to.name, &to.flags);
     to.prev_state = to.state;
@@ -265,8 +265,7 @@ int size;
 constexpr std::size_t stream_buffer = 32768;
 
 void open_kept(FILE *&stream, const char *path) {
-    const keel::cancel_shield shield; // as for a kernel_file
-    stream = keel::open_to_read(path).release();
+    stream = open_kernel_file(path).release();
     if (stream == nullptr)
         keel::end_process(1);
     std::setvbuf(stream, static_cast<char *>(xmalloc(0, stream_buffer)), _IOFBF, stream_buffer);
@@ -454,8 +453,7 @@ class resolved_path {
 
 /* A process's arguments, each with a NUL byte behind it. */
 unique_fd open_arguments(pid_t pid) {
-    const keel::cancel_shield shield; // as for a kernel_file
-    return unique_fd(open(proc_path(pid, "cmdline").text, O_RDONLY | O_CLOEXEC));
+    return keel::open_uncancelled(proc_path(pid, "cmdline").text, O_RDONLY);
 }
 
 bool is_cut(const char *arguments, ssize_t length, std::size_t capacity) {
@@ -954,9 +952,11 @@ char *get_cmdline_by_pid(pid_t pid, char *buffer, std::size_t capacity) {
 }
 
 int get_stat_by_pid(pid_t pid, proc_stat *st) {
+    if (st == nullptr)
+        return -1;
     const kernel_file file(nullptr, proc_path(pid, "stat").text);
     keel::line_buffer lines;
-    const char *line = st != nullptr && file ? lines.read(file.stream()) : nullptr;
+    const char *line = file ? lines.read(file.stream()) : nullptr;
     const char *name_end = line != nullptr ? std::strchr(line, ')') : nullptr;
     if (name_end == nullptr)
         return -1;

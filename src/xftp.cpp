@@ -12,7 +12,6 @@
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
 #include "cancel_shield.h"
 #include "ending.h"
@@ -65,8 +64,7 @@ void adjust_ftp_opt(ftp_opt *dst, const ftp_opt *src) {
         *dst = *src;
 }
 
-/* ---- What libcurl calls back --------------------------------------------------------------------
- */
+/* ---- What libcurl calls back ----------------------------------------------------------------- */
 
 /* A header's line, which has no NUL byte behind it. */
 std::size_t get_content_length(char *line, std::size_t size, std::size_t n, void *out) {
@@ -94,8 +92,7 @@ std::size_t write_output(char *buffer, std::size_t size, std::size_t n, void *st
     return std::fwrite(buffer, size, n, static_cast<FILE *>(stream)) * size;
 }
 
-/* ---- Sessions -----------------------------------------------------------------------------------
- */
+/* ---- Sessions -------------------------------------------------------------------------------- */
 
 unique_handle new_session(const char *url, const char *user, const char *password,
                           const ftp_opt &opt) {

@@ -8,14 +8,12 @@
 #include <linux/hdreg.h>
 #include <sys/ioctl.h>
 
-#include "cancel_shield.h"
 #include "handles.h"
 
 int ata_serial_no(char *out, std::size_t outlen, const char *dev) {
     if (out == nullptr || outlen == 0 || dev == nullptr)
         return -1;
-    const keel::cancel_shield shield; // a cancelled open() would leave its descriptor behind
-    const keel::unique_fd disk(open(dev, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const keel::unique_fd disk = keel::open_uncancelled(dev, O_RDONLY | O_NONBLOCK);
     hd_driveid id{};
     if (!disk || ioctl(disk.get(), HDIO_GET_IDENTITY, &id) == -1)
         return -1;

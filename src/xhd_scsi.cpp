@@ -7,9 +7,7 @@
 #include <fcntl.h>
 #include <scsi/sg.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
-#include "cancel_shield.h"
 #include "handles.h"
 
 namespace {
@@ -22,7 +20,6 @@ constexpr std::size_t page_header = 4;
 int scsi_serial_no(char *out, std::size_t outlen, const char *dev) {
     if (out == nullptr || dev == nullptr)
         return -1;
-    const keel::cancel_shield shield;
     const keel::unique_fd device(scsi_open(dev));
     if (!device)
         return -1;
@@ -33,8 +30,7 @@ int scsi_serial_no(char *out, std::size_t outlen, const char *dev) {
 int scsi_open(const char *dev) {
     if (dev == nullptr)
         return -1;
-    const keel::cancel_shield shield; // a cancelled open() would leave its descriptor behind
-    keel::unique_fd device(open(dev, O_RDWR | O_CLOEXEC));
+    keel::unique_fd device = keel::open_uncancelled(dev, O_RDWR);
     int version = 0;
     if (!device || ioctl(device.get(), SG_GET_VERSION_NUM, &version) == -1 || version <= 29999)
         return -1;
