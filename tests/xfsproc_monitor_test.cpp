@@ -68,15 +68,6 @@ constexpr unsigned operations[] = {
 
 /* ---- The records ---------------------------------------------------------------------------- */
 
-LIES_AT(proc_info, name, char[256], 0);
-LIES_AT(proc_info, cwd, char[1024], 256);
-LIES_AT(proc_info, exe, char[1024], 1280);
-LIES_AT(proc_info, cmdline, char[2048], 2304);
-LIES_AT(proc_info, state, std::uint32_t, 4352);
-LIES_AT(proc_info, pid, std::int32_t, 4356);
-LIES_AT(proc_info, start_time, std::uint64_t, 4360);
-static_assert(sizeof(proc_info) == 4368);
-
 LIES_AT(proc_monitor_item, name, char[256], 0);
 LIES_AT(proc_monitor_item, info, proc_info, 256);
 LIES_AT(proc_monitor_item, run_status, std::uint32_t, 256 + sizeof(proc_info));
