@@ -3,6 +3,7 @@
 # not: what arrives there is what is here.
 # usage: archive_upload_test.sh ARCHIVE_UPLOAD WATCHKEEPER
 set -u
+. "$(dirname "$(realpath "$0")")/support/program_test.sh"
 upload=$1
 watchkeeper=$2
 server=$(dirname "$(realpath "$0")")/support/ftp_server.py
@@ -10,13 +11,6 @@ dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 cd "$dir" || exit 1
 mkdir log served
-
-failed=0
-check() { # WHAT COMMAND...
-    local what=$1
-    shift
-    "$@" || { echo "FAILED: $what"; failed=1; }
-}
 
 # The server ends with its standard input, and so with this script, whatever becomes of that.
 start_server() { # OPTION...
@@ -32,20 +26,14 @@ stop_server() {
     wait "$server_process"
 }
 
-refused() { # TEXT ARGUMENT...
-    local text=$1 status=0
-    shift
-    "$upload" "$@" >out 2>err || status=$?
-    check "status 1 for: $*" test $status = 1
-    check "\"$text\" for: $*, not: $(cat err)" grep -qF -- "$text" err
-}
-refused 'give a directory and a URL'
-refused 'give a directory and a URL' log
-refused 'give a directory and a URL' log ftp://127.0.0.1:1 log
-refused "option requires an argument -- 'user'" log ftp://127.0.0.1:1 --user
-refused "invalid option -- 'loud'" --loud log ftp://127.0.0.1:1
-refused 'cannot read "nowhere"' nowhere ftp://127.0.0.1:1
-refused 'cannot read the password in "nowhere"' --password-file nowhere log ftp://127.0.0.1:1
+expected=1
+refused "$upload" 'give a directory and a URL'
+refused "$upload" 'give a directory and a URL' log
+refused "$upload" 'give a directory and a URL' log ftp://127.0.0.1:1 log
+refused "$upload" "option requires an argument -- 'user'" log ftp://127.0.0.1:1 --user
+refused "$upload" "invalid option -- 'loud'" --loud log ftp://127.0.0.1:1
+refused "$upload" 'cannot read "nowhere"' nowhere ftp://127.0.0.1:1
+refused "$upload" 'cannot read the password in "nowhere"' --password-file nowhere log ftp://127.0.0.1:1
 check "--help" sh -c '"$1" --help | grep -q "^usage: archive-upload"' sh "$upload"
 
 old=app_2026.11.20_23.59.59.999.log
@@ -121,5 +109,4 @@ check "status 0 for an empty directory" "$upload" empty "$url" >out
 check "libcurl where it is needed" grep -q libcurl <(ldd "$upload")
 check "none where it is not" sh -c '! ldd "$1" | grep -q libcurl' sh "$watchkeeper"
 
-[ $failed = 0 ] && echo "archive-upload: all right"
-exit $failed
+finish archive-upload

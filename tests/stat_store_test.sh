@@ -3,6 +3,7 @@
 # comes back, and what it says of bad settings.
 # usage: stat_store_test.sh STAT-STORE SETTINGS MARIADB-SERVER-SCRIPT
 set -u
+. "$(dirname "$(realpath "$0")")/support/program_test.sh"
 stat_store=$1
 settings=$2
 server_script=$3
@@ -11,13 +12,6 @@ trap 'kill -9 $(jobs -p) 2>/dev/null; wait 2>/dev/null; rm -rf "$dir"' EXIT
 cd "$dir" || exit 1
 chmod 755 . # for the server, who runs as somebody else
 mkdir db
-
-failed=0
-check() { # WHAT COMMAND...
-    local what=$1
-    shift
-    "$@" || { echo "FAILED: $what"; failed=1; }
-}
 
 until_true() { # WHAT COMMAND...: waits for a minute
     local what=$1 deadline=$((SECONDS + 60))
@@ -40,27 +34,20 @@ has_rows() { [ "$(ask 'select count(*) from figures')" -ge "$1" ]; }
 has_said() { [ "$(grep -c "^stat-store: $2" err)" -ge "$1" ]; }
 
 # Bad settings and usage: status 2, and the reason on standard error.
-refused() { # TEXT ARGUMENT...
-    local text=$1 status=0
-    shift
-    "$stat_store" "$@" >out 2>refusal || status=$?
-    check "status ${expected:-2} for: $*" test "$status" = "${expected:-2}"
-    check "\"$text\" for: $*, not: $(cat refusal)" grep -qF -- "$text" refusal
-}
 setting() { printf '%s\n' '[mysql]' 'database = shelf' "[$1]" "$2" >bad.ini; }
-refused 'give one settings file'
-refused 'give one settings file' --count 1
-refused 'give one settings file' "$settings" "$settings"
-expected=1 refused "invalid option -- 'rows'" --rows "$settings"
-refused '--count = "0" is not a number from 1' --count 0 "$settings"
-refused 'cannot read the settings in "absent.ini"' absent.ini
-setting mysql 'port = 65536'; refused 'mysql::port = "65536" is not a number from 0 to 65535' bad.ini
-setting mysql 'table = a`b'; refused 'mysql::table = "a`b" is not a name' bad.ini
-setting mysql 'table ='; refused 'mysql::table = "" is not a name' bad.ini
-setting mysql "user = $(printf '%0512d' 0)"; refused 'mysql::user is longer than 511 characters' bad.ini
-setting mysql 'pass = x'; refused 'there is no setting "mysql::pass"' bad.ini
-setting store 'interval = 0'; refused 'store::interval = "0" is not a number from 1 to 86400' bad.ini
-printf '[mysql]\nuser = keeper\n' >bad.ini; refused 'mysql::database is missing' bad.ini
+refused "$stat_store" 'give one settings file'
+refused "$stat_store" 'give one settings file' --count 1
+refused "$stat_store" 'give one settings file' "$settings" "$settings"
+expected=1 refused "$stat_store" "invalid option -- 'rows'" --rows "$settings"
+refused "$stat_store" '--count = "0" is not a number from 1' --count 0 "$settings"
+refused "$stat_store" 'cannot read the settings in "absent.ini"' absent.ini
+setting mysql 'port = 65536'; refused "$stat_store" 'mysql::port = "65536" is not a number from 0 to 65535' bad.ini
+setting mysql 'table = a`b'; refused "$stat_store" 'mysql::table = "a`b" is not a name' bad.ini
+setting mysql 'table ='; refused "$stat_store" 'mysql::table = "" is not a name' bad.ini
+setting mysql "user = $(printf '%0512d' 0)"; refused "$stat_store" 'mysql::user is longer than 511 characters' bad.ini
+setting mysql 'pass = x'; refused "$stat_store" 'there is no setting "mysql::pass"' bad.ini
+setting store 'interval = 0'; refused "$stat_store" 'store::interval = "0" is not a number from 1 to 86400' bad.ini
+printf '[mysql]\nuser = keeper\n' >bad.ini; refused "$stat_store" 'mysql::database is missing' bad.ini
 check "--help" sh -c '"$1" --help | grep -q "^usage: stat-store"' sh "$stat_store"
 
 # The shipped settings, for the server of this test.
@@ -124,5 +111,4 @@ check "the reason" grep -q '^MySQL connect Error: Access denied' err
 kill -INT $service
 check "status 0 after SIGINT" wait $service
 
-[ $failed = 0 ] && echo "stat-store: all right"
-exit $failed
+finish stat-store

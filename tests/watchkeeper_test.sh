@@ -2,6 +2,7 @@
 # Runs the example service: its log, its endings, and what it says of bad settings.
 # usage: watchkeeper_test.sh WATCHKEEPER DIRECTORY_OF_ITS_FILES
 set -u
+. "$(dirname "$(realpath "$0")")/support/program_test.sh"
 watchkeeper=$1
 settings=$2/watchkeeper.ini
 napper=$2/napper
@@ -12,54 +13,40 @@ cd "$dir" || exit 1
 mkdir log
 cp "$settings" shipped.ini
 
-failed=0
-check() { # WHAT COMMAND...
-    local what=$1
-    shift
-    "$@" || { echo "FAILED: $what"; failed=1; }
-}
-
 # Bad settings and usage: status 2, the reason on standard error, nothing logged.
-refused() { # TEXT ARGUMENT...
-    local text=$1 status=0
-    shift
-    "$watchkeeper" "$@" >out 2>err || status=$?
-    check "status ${expected:-2} for: $*" test "$status" = "${expected:-2}"
-    check "\"$text\" for: $*, not: $(cat err)" grep -qF -- "$text" err
-    check "no log for: $*" test -z "$(ls log)"
-}
 setting() { # SECTION LINE: the shipped settings with one line added
     printf '%s\n' '[log]' 'directory = log' "[$1]" "$2" >bad.ini
 }
-refused 'give one settings file'
-refused 'give one settings file' shipped.ini shipped.ini
-expected=1 refused "invalid option -- 'second-guess'" --second-guess shipped.ini
-expected=1 refused "option requires an argument -- 'seconds'" shipped.ini --seconds
-refused '--seconds = "0" is not a number from 1' --seconds 0 shipped.ini
-refused 'cannot read the settings in "absent.ini"' absent.ini
-refused 'cannot read the settings in "log"' log
-setting tasks 'snapshot = soon'; refused 'tasks::snapshot = "soon" is not a number from 1 to 86400' bad.ini
-setting tasks 'summary = 0'; refused 'tasks::summary = "0" is not' bad.ini
-setting tasks 'snap = 1'; refused 'there is no setting "tasks::snap"' bad.ini
-setting log 'records = 999'; refused 'log::records = "999" is not a number from 1000 to 30000' bad.ini
-setting log 'language = latin'; refused 'neither english nor chinese' bad.ini
-setting warning 'cpu = high'; refused 'warning::cpu = "high" is not a number' bad.ini
-setting cleanup '/nowhere = 90 %'; refused 'cleanup::/nowhere is not a directory' bad.ini
-setting cleanup '/tmp = 90 %, 7 weeks'; refused 'cleanup::/tmp = "90 %, 7 weeks" is not like' bad.ini
-setting remote 'listen = 7400'; refused 'remote::listen = "7400" is not like 127.0.0.1:7400' bad.ini
-setting remote 'allow = 127.0.0.1, all'; refused 'remote::allow = "127.0.0.1, all" is not like' bad.ini
-refused '--status = "here" is not like' --status here
-setting watch 'processes = /nowhere'; refused 'watch::processes = "/nowhere" is not a file' bad.ini
-setting watch 'starts = 0'; refused 'watch::starts = "0" is not a number from 1 to 60' bad.ini
-printf '[log]\ndirectory = nowhere\n' >bad.ini; refused 'log::directory = "nowhere" is not a directory' bad.ini
+refused "$watchkeeper" 'give one settings file'
+refused "$watchkeeper" 'give one settings file' shipped.ini shipped.ini
+expected=1 refused "$watchkeeper" "invalid option -- 'second-guess'" --second-guess shipped.ini
+expected=1 refused "$watchkeeper" "option requires an argument -- 'seconds'" shipped.ini --seconds
+refused "$watchkeeper" '--seconds = "0" is not a number from 1' --seconds 0 shipped.ini
+refused "$watchkeeper" 'cannot read the settings in "absent.ini"' absent.ini
+refused "$watchkeeper" 'cannot read the settings in "log"' log
+setting tasks 'snapshot = soon'; refused "$watchkeeper" 'tasks::snapshot = "soon" is not a number from 1 to 86400' bad.ini
+setting tasks 'summary = 0'; refused "$watchkeeper" 'tasks::summary = "0" is not' bad.ini
+setting tasks 'snap = 1'; refused "$watchkeeper" 'there is no setting "tasks::snap"' bad.ini
+setting log 'records = 999'; refused "$watchkeeper" 'log::records = "999" is not a number from 1000 to 30000' bad.ini
+setting log 'language = latin'; refused "$watchkeeper" 'neither english nor chinese' bad.ini
+setting warning 'cpu = high'; refused "$watchkeeper" 'warning::cpu = "high" is not a number' bad.ini
+setting cleanup '/nowhere = 90 %'; refused "$watchkeeper" 'cleanup::/nowhere is not a directory' bad.ini
+setting cleanup '/tmp = 90 %, 7 weeks'; refused "$watchkeeper" 'cleanup::/tmp = "90 %, 7 weeks" is not like' bad.ini
+setting remote 'listen = 7400'; refused "$watchkeeper" 'remote::listen = "7400" is not like 127.0.0.1:7400' bad.ini
+setting remote 'allow = 127.0.0.1, all'; refused "$watchkeeper" 'remote::allow = "127.0.0.1, all" is not like' bad.ini
+refused "$watchkeeper" '--status = "here" is not like' --status here
+setting watch 'processes = /nowhere'; refused "$watchkeeper" 'watch::processes = "/nowhere" is not a file' bad.ini
+setting watch 'starts = 0'; refused "$watchkeeper" 'watch::starts = "0" is not a number from 1 to 60' bad.ini
+printf '[log]\ndirectory = nowhere\n' >bad.ini; refused "$watchkeeper" 'log::directory = "nowhere" is not a directory' bad.ini
 
+check "nothing logged" test -z "$(ls log)"
 check "--help" sh -c '"$1" --help | grep -q "^usage: watchkeeper"' sh "$watchkeeper"
 
 # --set changes the settings file where its settings stand, and nothing else of it.
-refused '--set "tasks" is not like' --set tasks shipped.ini
-refused 'tasks::snapshot = "soon" is not a number' --set tasks.snapshot=soon shipped.ini
-refused 'there is no setting "tasks::snap"' --set tasks.snap=5 shipped.ini
-refused 'cannot read the settings in "absent.ini"' --set tasks.snapshot=5 absent.ini
+refused "$watchkeeper" '--set "tasks" is not like' --set tasks shipped.ini
+refused "$watchkeeper" 'tasks::snapshot = "soon" is not a number' --set tasks.snapshot=soon shipped.ini
+refused "$watchkeeper" 'there is no setting "tasks::snap"' --set tasks.snap=5 shipped.ini
+refused "$watchkeeper" 'cannot read the settings in "absent.ini"' --set tasks.snapshot=5 absent.ini
 check "an untouched file" cmp "$settings" shipped.ini
 printf '%s\n' '# mine' '[warning]' 'cpu = 80   # percent' '' '[critical]' 'cpu=101' >mine.ini
 check "--set" "$watchkeeper" --set warning.cpu=70 --set critical.swap=99 mine.ini --set tasks.summary=5 >out
@@ -214,5 +201,4 @@ for signal in TERM INT; do
     rm log/*
 done
 
-[ $failed = 0 ] && echo "watchkeeper: all right"
-exit $failed
+finish watchkeeper
