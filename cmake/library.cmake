@@ -4,7 +4,7 @@ list(TRANSFORM KEEL_FAMILIES PREPEND src/ OUTPUT_VARIABLE keel_sources)
 list(TRANSFORM keel_sources APPEND .cpp)
 list(TRANSFORM KEEL_FAMILIES PREPEND ${PROJECT_SOURCE_DIR}/include/ OUTPUT_VARIABLE keel_headers)
 list(TRANSFORM keel_headers APPEND .h)
-list(APPEND keel_headers ${PROJECT_SOURCE_DIR}/include/keel_export.h)
+list(APPEND keel_headers ${PROJECT_SOURCE_DIR}/include/keel.h)
 
 set(keel_exports ${PROJECT_SOURCE_DIR}/src/exports.txt)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${keel_exports})
@@ -30,7 +30,7 @@ target_link_libraries(keel_objects PRIVATE keel_own_build Threads::Threads)
 
 add_library(keel SHARED $<TARGET_OBJECTS:keel_objects>)
 set_target_properties(keel PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION 1 LINK_DEPENDS ${PROJECT_BINARY_DIR}/keel.map)
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINK_DEPENDS ${PROJECT_BINARY_DIR}/keel.map)
 # Our own calls of exported functions stay ours: a host may well have a Malloc or a Close too.
 target_link_options(keel PRIVATE LINKER:--version-script=${PROJECT_BINARY_DIR}/keel.map
     LINKER:-Bsymbolic-functions)

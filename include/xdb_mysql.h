@@ -37,7 +37,7 @@
 #endif
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -39,7 +39,7 @@
 #include <stdarg.h>
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -51,7 +51,7 @@
 #include <sys/statfs.h>
 #include <sys/types.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -55,7 +55,7 @@
 
 #include <getopt.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -20,7 +20,7 @@
 
 #include <stddef.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -47,7 +47,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

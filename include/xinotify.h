@@ -23,7 +23,7 @@
 
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

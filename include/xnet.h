@@ -38,7 +38,7 @@
 
 #include <stddef.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -42,7 +42,7 @@
 #include <pthread.h>
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 #include "xfifo.h"
 
 KEEL_BEGIN_DECLS

@@ -40,7 +40,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

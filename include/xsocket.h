@@ -29,7 +29,7 @@
 #include <stdint.h>
 #include <sys/socket.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

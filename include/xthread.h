@@ -50,7 +50,7 @@
 #include <semaphore.h>
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 #include "xpool.h"
 #include "xqueue.h"
 

@@ -28,7 +28,7 @@
 #include <pthread.h>
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -44,7 +44,7 @@
 #include <pthread.h>
 #include <stdint.h>
 
-#include "keel_export.h"
+#include "keel.h"
 #include "xid.h"
 #include "xthread.h"
 

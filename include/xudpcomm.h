@@ -52,7 +52,7 @@
 #include <stdint.h>
 #include <sys/socket.h>
 
-#include "keel_export.h"
+#include "keel.h"
 #include "xsocket.h"
 
 KEEL_BEGIN_DECLS

@@ -31,7 +31,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include "keel_export.h"
+#include "keel.h"
 
 KEEL_BEGIN_DECLS
 

@@ -26,7 +26,7 @@ def compile_headers(job):
 
 
 def guard_complaint(name):
-    guard = "KEEL_" + name.removesuffix(".h").removeprefix("keel_").upper() + "_H"
+    guard = "KEEL_" * (name != "keel.h") + name.removesuffix(".h").upper() + "_H"
     guarded = f"#ifndef {guard}\n#define {guard}\n" in (include / name).read_text()
     return "" if guarded else f"{name}: not guarded by {guard}"
 
