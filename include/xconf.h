@@ -222,6 +222,11 @@ KEEL_API int file_replace_value_value(const char *path, const char *key, const c
 
 /** @} */
 
+/**
+ * @name Clean-up of directories by disk usage
+ * @{
+ */
+
 /** What a clean-up is to reach. */
 typedef struct fs_limit {
     uint32_t flags;     /**< Sum of the FS_LIMIT_... that apply. */
@@ -230,10 +235,10 @@ typedef struct fs_limit {
     float min_age;      /**< Days since its last access that a file is kept at least. */
 } fs_limit;
 
-/** Flags of `fs_limit`: which limits apply. */
-#define FS_LIMIT_USAGE 0x1u
-#define FS_LIMIT_FREE 0x2u
-#define FS_LIMIT_AGE 0x4u
+/* Flags of fs_limit: which limits apply. */
+#define FS_LIMIT_USAGE 0x1u /**< fs_limit.max_usage applies */
+#define FS_LIMIT_FREE 0x2u  /**< fs_limit.min_free applies */
+#define FS_LIMIT_AGE 0x4u   /**< fs_limit.min_age applies */
 
 /**
  * Measures the file system that holds `path`: its use in percent, rounded, the blocks reserved for
@@ -264,6 +269,8 @@ KEEL_API int check_fs_info(const char *path, const fs_limit *limit);
  * the walk failed, with nothing deleted.
  */
 KEEL_API int fcleanup(const char *directory, const fs_limit *limit);
+
+/** @} */
 
 KEEL_END_DECLS
 

@@ -45,7 +45,7 @@ KEEL_BEGIN_DECLS
 
 /** A row of a description table. */
 typedef struct convert_desc {
-    uint32_t value;
+    uint32_t value;   /**< what stands for it in a program */
     const char *desc; /**< null: a row that no description finds */
 } convert_desc;
 

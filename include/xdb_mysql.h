@@ -43,10 +43,10 @@ KEEL_BEGIN_DECLS
 
 /** Where the server is and who asks. Longer texts than 511 characters are cut. */
 typedef struct MySQLConfig {
-    char db[512]; /**< the database to begin with; empty: none */
-    char host[512];
-    char user[512];
-    char passwd[512];
+    char db[512];          /**< the database to begin with; empty: none */
+    char host[512];        /**< name or address of the server; empty: this machine */
+    char user[512];        /**< the user's name; empty: that of the process's owner */
+    char passwd[512];      /**< the password; empty: none */
     char unix_socket[512]; /**< path of the server's socket; empty: none */
     uint32_t port;         /**< 0: the usual one */
     uint64_t client_flag;  /**< CLIENT_COMPRESS and others; 0: none. With CLIENT_REMEMBER_OPTIONS
@@ -65,8 +65,8 @@ typedef int (*MySQLResult)(MySQLConnection *c, MYSQL_RES *res, void *arg);
  * library's error number after a message on standard error, or -1 for a null object.
  */
 struct MySQLConnection {
-    MYSQL handle;
-    MySQLConfig config;
+    MYSQL handle;       /**< the client library's own record */
+    MySQLConfig config; /**< a copy of what MySQLConnectionInit() was given */
 
     /** Closes the connection and ends the client library for the whole process: one connection per
      * process is what it is made for. The memory is the caller's. Gives 0. Afterwards only
@@ -98,6 +98,7 @@ struct MySQLConnection {
  */
 KEEL_API int MySQLConnectionInit(MySQLConnection *c, const MySQLConfig *cfg);
 
+/** @cond linkage */
 /* The library itself names the client library weakly, for the sake of hosts that do without. This
  * is what makes an object that makes a connection need it. */
 static inline __attribute__((__always_inline__)) void keel_needs_mysql(void) {
@@ -105,6 +106,7 @@ static inline __attribute__((__always_inline__)) void keel_needs_mysql(void) {
 }
 
 #define MySQLConnectionInit(...) (keel_needs_mysql(), MySQLConnectionInit(__VA_ARGS__))
+/** @endcond */
 
 KEEL_END_DECLS
 

@@ -15,12 +15,12 @@
  * snapshot is for one thread only: the record and the files kept open behind it are unguarded by
  * design. Those files are close-on-exec. A monitor is for one thread at a time.
  *
- * Memory that runs out for a line ends the process as xstdio.h says, for an item of a monitor as
- * xmemory.h does. Where /proc itself cannot be read, the functions that look through all processes
- * end the process with status 1, without a word, and so does get_system_stat(). Everything else is
- * a result. A line of a kernel file that is not as expected is no failure unless the function says
- * so: what it does not tell is 0, or stays as it was in a record that is not cleared. A name that
- * is longer than its field is cut.
+ * Memory that runs out for a line ends the process as xstdio.h says, for an item of a monitor or a
+ * stream of the snapshot as xmemory.h does. Where /proc itself cannot be read, the functions that
+ * look through all processes end the process with status 1, without a word, and so does
+ * get_system_stat(). Everything else is a result. A line of a kernel file that is not as expected
+ * is no failure unless the function says so: what it does not tell is 0, or stays as it was in a
+ * record that is not cleared. A name that is longer than its field is cut.
  *
  * @code{.c}
  * #include <stdio.h>
@@ -55,7 +55,8 @@
 
 KEEL_BEGIN_DECLS
 
-/* ---- Readers ---------------------------------------------------------------------------------
+/**
+ * @name Readers
  *
  * Those that take a stream read it from its beginning again, fresh from the kernel, and leave it
  * open: one that is kept saves opening the file each time. With a null stream they open the file
@@ -65,52 +66,53 @@ KEEL_BEGIN_DECLS
  * net_dev() and diskstats() return how many they count, which may be more than the array's
  * capacity; fstab() does not go beyond it. A null array has no capacity, and so is only counted
  * for.
+ * @{
  */
 
 /** How long the system is up. */
 typedef struct uptime_val {
-    int64_t sec;
+    int64_t sec;  /**< whole seconds */
     int64_t nsec; /**< the kernel's hundredths times 1000000: a tenth of the true value */
 } uptime_val;
 
 /** When the system was started, on the wall clock. */
 typedef struct boot_time {
-    int64_t sec;
-    int64_t nsec;
+    int64_t sec;  /**< seconds since the epoch */
+    int64_t nsec; /**< and nanoseconds */
 } boot_time;
 
 /** Ticks that all processors together have spent. What an old kernel does not tell is 0. */
 typedef struct cpu_stat {
-    uint64_t user;
-    uint64_t nice;
-    uint64_t system;
-    uint64_t idle;
-    uint64_t iowait;
-    uint64_t irq;
-    uint64_t softirq;
-    uint64_t steal;
-    uint64_t guest;
+    uint64_t user;    /**< in user mode */
+    uint64_t nice;    /**< in user mode, with a priority lowered */
+    uint64_t system;  /**< in the kernel */
+    uint64_t idle;    /**< idle */
+    uint64_t iowait;  /**< idle, with requests to disks outstanding */
+    uint64_t irq;     /**< on interrupts */
+    uint64_t softirq; /**< on what interrupts leave for later */
+    uint64_t steal;   /**< wanted, while the hypervisor ran others */
+    uint64_t guest;   /**< for guest systems; `user` counts it too */
 } cpu_stat;
 
 /** Memory, in kB. */
 typedef struct mem_stat {
-    uint64_t buffers;
-    uint64_t cached;
-    uint64_t mem_free;
-    uint64_t mem_total;
-    uint64_t mem_used; /**< total less free: buffers and the cache count as used */
-    uint64_t swap_free;
-    uint64_t swap_total;
-    uint64_t swap_used; /**< total less free */
+    uint64_t buffers;    /**< buffers of block devices */
+    uint64_t cached;     /**< the page cache */
+    uint64_t mem_free;   /**< memory that nothing uses */
+    uint64_t mem_total;  /**< all memory */
+    uint64_t mem_used;   /**< total less free: buffers and the cache count as used */
+    uint64_t swap_free;  /**< swap space that nothing uses */
+    uint64_t swap_total; /**< all swap space */
+    uint64_t swap_used;  /**< total less free */
 } mem_stat;
 
 /** A network interface. Zero it before the first use. */
 typedef struct net_dev_stat {
-    uint64_t rx_bytes;
-    uint64_t rx_packets;
-    uint64_t tx_bytes;
-    uint64_t tx_packets;
-    char name[16];
+    uint64_t rx_bytes;   /**< bytes received */
+    uint64_t rx_packets; /**< packets received */
+    uint64_t tx_bytes;   /**< bytes sent */
+    uint64_t tx_packets; /**< packets sent */
+    char name[16];       /**< its name */
     uint16_t flags;      /**< IFF_UP and others */
     uint32_t prev_state; /**< what `state` was before */
     uint32_t state;      /**< 1: running, 2: not running, 0: never looked at */
@@ -120,25 +122,25 @@ typedef struct net_dev_stat {
 
 /** A whole disk. */
 typedef struct disk_stat {
-    uint32_t major;
-    uint32_t minor;
-    uint64_t reads; /**< completed */
-    uint64_t reads_merged;
-    uint64_t sectors_read;
-    uint64_t read_ms;
-    uint64_t writes; /**< completed */
-    uint64_t writes_merged;
-    uint64_t sectors_written;
-    uint64_t write_ms;
-    uint64_t io_ms; /**< milliseconds in which it was busy */
-    uint64_t weighted_io_ms;
-    char name[256];
+    uint32_t major;           /**< major number of the device */
+    uint32_t minor;           /**< minor number */
+    uint64_t reads;           /**< reads completed */
+    uint64_t reads_merged;    /**< reads that became part of others */
+    uint64_t sectors_read;    /**< sectors read, of 512 bytes */
+    uint64_t read_ms;         /**< milliseconds that the reads took, summed */
+    uint64_t writes;          /**< writes completed */
+    uint64_t writes_merged;   /**< writes that became part of others */
+    uint64_t sectors_written; /**< sectors written, of 512 bytes */
+    uint64_t write_ms;        /**< milliseconds that the writes took, summed */
+    uint64_t io_ms;           /**< milliseconds in which it was busy */
+    uint64_t weighted_io_ms;  /**< milliseconds that requests were under way, summed */
+    char name[256];           /**< its name, such as sda */
 } disk_stat;
 
 /** A mounted file system. Not to be copied: `ent` points into `strbuf`. */
 typedef struct mount_stat {
-    struct statfs fs;
-    struct mntent ent;
+    struct statfs fs;  /**< what statfs() tells */
+    struct mntent ent; /**< its line of the table */
     char strbuf[1024]; /**< a longer line of the table is cut */
 } mount_stat;
 
@@ -192,35 +194,40 @@ KEEL_API int diskstats(FILE *fp, disk_stat *arr, size_t cap);
  */
 KEEL_API int fstab(mount_stat *arr, size_t cap);
 
-/* ---- The snapshot -------------------------------------------------------------------------- */
+/** @} */
+
+/**
+ * @name The snapshot
+ * @{
+ */
 
 /** The nine counters of a processor line, in ticks, in the file's order. */
 enum {
-    CPU_USER,
-    CPU_NICE,
-    CPU_SYSTEM,
-    CPU_IDLE,
-    CPU_IOWAIT,
-    CPU_IRQ,
-    CPU_SOFTIRQ,
-    CPU_STEAL,
-    CPU_GUEST,
-    CPU_COUNTERS
+    CPU_USER,    /**< as cpu_stat.user */
+    CPU_NICE,    /**< as cpu_stat.nice */
+    CPU_SYSTEM,  /**< as cpu_stat.system */
+    CPU_IDLE,    /**< as cpu_stat.idle */
+    CPU_IOWAIT,  /**< as cpu_stat.iowait */
+    CPU_IRQ,     /**< as cpu_stat.irq */
+    CPU_SOFTIRQ, /**< as cpu_stat.softirq */
+    CPU_STEAL,   /**< as cpu_stat.steal */
+    CPU_GUEST,   /**< as cpu_stat.guest */
+    CPU_COUNTERS /**< how many there are */
 };
 
 /** A counter now and at the call before. */
 typedef struct cpu_counter {
-    uint64_t cur;
-    uint64_t prev;
+    uint64_t cur;  /**< now */
+    uint64_t prev; /**< at the call before */
 } cpu_counter;
 
 /** One processor line. */
 typedef struct cpu_usage {
     char name[32]; /**< "cpu" for all processors together, "cpu0", "cpu1", ... */
     double usage;  /**< percentage not idle since the call before; since boot at the first */
-    cpu_counter counters[CPU_COUNTERS];
-    int64_t delta[CPU_COUNTERS]; /**< ticks since the call before; never negative */
-    int64_t total;               /**< sum of `delta`, at least 1 */
+    cpu_counter counters[CPU_COUNTERS]; /**< the line's numbers */
+    int64_t delta[CPU_COUNTERS];        /**< ticks since the call before; never negative */
+    int64_t total;                      /**< sum of `delta`, at least 1 */
 } cpu_usage;
 
 /** Processor lines that a snapshot holds. */
@@ -235,15 +242,15 @@ typedef struct sys_stat {
     double idle;                  /**< idle seconds of all processors, summed */
     double mem_usage;             /**< percentage used */
     double swap_usage;            /**< percentage used; not a number where there is no swap */
-    uint64_t mem_total;
-    uint64_t mem_free;
-    uint64_t mem_used; /**< total less free, buffers and cached */
-    uint64_t buffers;
-    uint64_t cached;
-    uint64_t swap_total;
-    uint64_t swap_free;
-    uint64_t swap_used;
-    uint64_t swap_cached;
+    uint64_t mem_total;           /**< all memory */
+    uint64_t mem_free;            /**< memory that nothing uses */
+    uint64_t mem_used;            /**< total less free, buffers and cached */
+    uint64_t buffers;             /**< buffers of block devices */
+    uint64_t cached;              /**< the page cache */
+    uint64_t swap_total;          /**< all swap space */
+    uint64_t swap_free;           /**< swap space that nothing uses */
+    uint64_t swap_used;           /**< total less free */
+    uint64_t swap_cached;         /**< memory that is in swap space as well */
 } sys_stat;
 
 /** The snapshot that get_system_stat() refreshes; all zero before the first call. */
@@ -256,12 +263,16 @@ extern KEEL_API sys_stat ss;
  */
 KEEL_API int get_system_stat(void);
 
-/* ---- Processes -------------------------------------------------------------------------------
+/** @} */
+
+/**
+ * @name Processes
  *
- * Processes come and go while they are looked at: one that is gone halfway through is none. Those
- * of other users may be hidden from a caller without the right to look at them. Where an array of
- * process identifiers is filled, the result is the number found, which may be more than its
- * capacity; a null array has no capacity.
+ * Processes come and go while they are looked at: one that is gone halfway through is none, and so
+ * is one that there is no memory to look at. Those of other users may be hidden from a caller
+ * without the right to look at them. Where an array of process identifiers is filled, the result is
+ * the number found, which may be more than its capacity; a null array has no capacity.
+ * @{
  */
 
 /**
@@ -269,36 +280,36 @@ KEEL_API int get_system_stat(void);
  * holds the ticks spent in between.
  */
 typedef struct proc_stat {
-    uint32_t state; /**< a letter: 'R' runs, 'S' sleeps, 'Z' has ended */
-    int32_t ppid;
-    int32_t pgrp;
-    int32_t session;
-    int32_t tty_nr;
-    int32_t tpgid;
-    uint32_t flags;
-    uint64_t minflt;
-    uint64_t cminflt;
-    uint64_t majflt;
-    uint64_t cmajflt;
-    uint64_t utime; /**< ticks, as all times here */
-    uint64_t prev_utime;
-    uint64_t stime;
-    uint64_t prev_stime;
-    int64_t cutime; /**< of children that have ended */
-    int64_t prev_cutime;
-    int64_t cstime;
-    int64_t prev_cstime;
-    int64_t priority;
-    int64_t nice;
-    int64_t num_threads;
-    int64_t itrealvalue;
-    uint64_t starttime;  /**< ticks after boot */
-    uint64_t vsize;      /**< bytes */
-    int64_t rss;         /**< pages */
-    int64_t delta_utime; /**< since the reading before, never negative */
-    int64_t delta_stime;
-    int64_t delta_cutime;
-    int64_t delta_cstime;
+    uint32_t state;       /**< a letter: 'R' runs, 'S' sleeps, 'Z' has ended */
+    int32_t ppid;         /**< its parent */
+    int32_t pgrp;         /**< its process group */
+    int32_t session;      /**< its session */
+    int32_t tty_nr;       /**< its terminal, or 0 */
+    int32_t tpgid;        /**< the process group in the foreground of that terminal, or -1 */
+    uint32_t flags;       /**< the kernel's flags */
+    uint64_t minflt;      /**< page faults served without reading from a disk */
+    uint64_t cminflt;     /**< those of children that have ended */
+    uint64_t majflt;      /**< page faults that a page was read for */
+    uint64_t cmajflt;     /**< those of children that have ended */
+    uint64_t utime;       /**< in user mode; ticks, as all times here */
+    uint64_t prev_utime;  /**< `utime` at the reading before */
+    uint64_t stime;       /**< in the kernel */
+    uint64_t prev_stime;  /**< `stime` at the reading before */
+    int64_t cutime;       /**< in user mode, of children that have ended */
+    int64_t prev_cutime;  /**< `cutime` at the reading before */
+    int64_t cstime;       /**< in the kernel, of children that have ended */
+    int64_t prev_cstime;  /**< `cstime` at the reading before */
+    int64_t priority;     /**< as the kernel schedules it */
+    int64_t nice;         /**< 19, the most yielding, to -20 */
+    int64_t num_threads;  /**< its threads */
+    int64_t itrealvalue;  /**< unused, 0 */
+    uint64_t starttime;   /**< when it was started: ticks after boot */
+    uint64_t vsize;       /**< its address space, in bytes */
+    int64_t rss;          /**< its memory, in pages */
+    int64_t delta_utime;  /**< `utime` since the reading before, never negative */
+    int64_t delta_stime;  /**< likewise */
+    int64_t delta_cutime; /**< likewise */
+    int64_t delta_cstime; /**< likewise */
     int64_t delta_total;  /**< their sum */
     double cpu_usage;     /**< percentage; get_process_stat() sets it, and what follows */
     double mem_usage;     /**< percentage */
@@ -307,12 +318,12 @@ typedef struct proc_stat {
 
 /** A process as it was found. */
 typedef struct proc_info {
-    char name[256];     /**< the base name of the command line's first word */
-    char cwd[1024];     /**< its directory */
-    char exe[1024];     /**< its program file */
-    char cmdline[2048]; /**< its arguments, with a blank between each two */
-    uint32_t state;     /**< as in proc_stat */
-    int32_t pid;
+    char name[256];      /**< the base name of the command line's first word */
+    char cwd[1024];      /**< its directory */
+    char exe[1024];      /**< its program file */
+    char cmdline[2048];  /**< its arguments, with a blank between each two */
+    uint32_t state;      /**< as in proc_stat */
+    int32_t pid;         /**< its identifier */
     uint64_t start_time; /**< seconds since the epoch */
 } proc_info;
 
@@ -381,7 +392,12 @@ KEEL_API int pkill(const char *name);
  */
 KEEL_API int get_process_stat(proc_stat *st, const sys_stat *sys, int mode);
 
-/* ---- The monitor --------------------------------------------------------------------------- */
+/** @} */
+
+/**
+ * @name The monitor
+ * @{
+ */
 
 /** Whether a watched process runs: what proc_run_status() gives. */
 enum {
@@ -394,30 +410,36 @@ enum {
 };
 
 /** What proc_monitor_operate() does. */
-enum { PROC_OP_RESTART, PROC_OP_START, PROC_OP_STOP, PROC_OP_CREATE, PROC_OP_REMOVE };
+enum {
+    PROC_OP_RESTART, /**< stops it where it runs, and starts it */
+    PROC_OP_START,   /**< starts it */
+    PROC_OP_STOP,    /**< stops it */
+    PROC_OP_CREATE,  /**< adds it to the list */
+    PROC_OP_REMOVE   /**< takes it off the list */
+};
 
 /** Messages of proc_monitor_operate()'s results. */
 extern KEEL_API const char *const proc_operate_error_message[11];
 
 /** A watched process. */
 typedef struct proc_monitor_item {
-    char name[256]; /**< what pname_cmp() is asked for */
-    proc_info info; /**< as last found; at first only its configured `cwd` and `cmdline` */
-    uint32_t run_status;
+    char name[256];      /**< what pname_cmp() is asked for */
+    proc_info info;      /**< as last found; at first only its configured `cwd` and `cmdline` */
+    uint32_t run_status; /**< PROC_UNKNOWN or another */
 } proc_monitor_item;
 
 /** A node of a list. */
 typedef struct proc_node {
-    struct proc_node *prev;
-    struct proc_node *next;
-    void *data; /**< here a proc_monitor_item */
+    struct proc_node *prev; /**< the node before it, or null */
+    struct proc_node *next; /**< the node behind it, or null */
+    void *data;             /**< here a proc_monitor_item */
 } proc_node;
 
 /** A list. Its hooks take addresses of data pointers, and null stands for none. */
 typedef struct proc_list {
-    proc_node *head;
-    proc_node *tail;
-    uint64_t count;
+    proc_node *head;                         /**< its first node, or null */
+    proc_node *tail;                         /**< its last node, or null */
+    uint64_t count;                          /**< how many nodes it has */
     void (*free)(void **data);               /**< gives back a node's data */
     void (*each)(void **data);               /**< unused */
     void (*copy)(void **data, void *record); /**< stores a record its own way, and owns it then */
@@ -429,11 +451,11 @@ typedef struct proc_monitor proc_monitor;
 
 /** A monitor. Its operations are the functions below. */
 struct proc_monitor {
-    proc_list *list; /**< in the order of the configuration */
-    int (*destroy)(proc_monitor *m);
-    int (*refresh)(proc_monitor *m);
-    proc_monitor_item *(*search)(proc_monitor *m, const char *name);
-    int (*operate)(proc_monitor *m, const char *spec, unsigned op);
+    proc_list *list;                 /**< in the order of the configuration */
+    int (*destroy)(proc_monitor *m); /**< proc_monitor_destroy() */
+    int (*refresh)(proc_monitor *m); /**< proc_monitor_refresh() */
+    proc_monitor_item *(*search)(proc_monitor *m, const char *name); /**< proc_monitor_search() */
+    int (*operate)(proc_monitor *m, const char *spec, unsigned op);  /**< proc_monitor_operate() */
 };
 
 /**
@@ -514,6 +536,8 @@ KEEL_API int proc_info_compar(const void *a, const void *b);
 
 /** Frees the block that the pointer at `p` leads to. */
 KEEL_API void proc_info_free(void **p);
+
+/** @} */
 
 KEEL_END_DECLS
 

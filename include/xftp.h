@@ -91,6 +91,7 @@ KEEL_API CURLcode ftp_command(const char *url, const char *user, const char *pas
 KEEL_API CURLcode ftp_rename(const char *url, const char *user, const char *password,
                              const ftp_opt *opt, const char *from, const char *to);
 
+/** @cond linkage */
 /* The library itself names libcurl weakly, for the sake of hosts that do without. This is what
  * makes an object that calls a function above need it. */
 static inline __attribute__((__always_inline__)) void keel_needs_libcurl(void) {
@@ -101,6 +102,7 @@ static inline __attribute__((__always_inline__)) void keel_needs_libcurl(void) {
 #define ftp_download(...) (keel_needs_libcurl(), ftp_download(__VA_ARGS__))
 #define ftp_command(...) (keel_needs_libcurl(), ftp_command(__VA_ARGS__))
 #define ftp_rename(...) (keel_needs_libcurl(), ftp_rename(__VA_ARGS__))
+/** @endcond */
 
 KEEL_END_DECLS
 

@@ -6,8 +6,8 @@
  * The search for a free one goes on behind the last one that was given and wraps at the end, so
  * that one that was just freed is mostly not the next one given.
  *
- * A producer locks nothing: its user serialises the calls. Memory that runs out ends the process,
- * as xmemory.h says.
+ * A producer locks nothing: its user serialises the calls. A null producer is not tolerated. Memory
+ * that runs out ends the process, as xmemory.h says.
  *
  * @code{.c}
  * #include <stdlib.h>
@@ -54,7 +54,7 @@ KEEL_API idproducer *idproducer_new(int32_t binding, void (*arg_free)(void *));
 
 /**
  * Frees the producer, and what is still bound through `arg_free`, in the order of the identifiers.
- * Returns 0. Null is not tolerated.
+ * Returns 0.
  */
 KEEL_API int idproducer_del(idproducer *ids);
 

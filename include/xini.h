@@ -54,14 +54,14 @@ KEEL_BEGIN_DECLS
 /** One entry: `key` is the whole "section::key". Both strings belong to the table, which frees each
  * with xfree(). */
 typedef struct ini_entry {
-    char *key;
-    char *value;
+    char *key;   /**< "section::key" */
+    char *value; /**< never null, perhaps empty */
 } ini_entry;
 
 /** A table of entries, sorted by key. Starts zeroed. */
 typedef struct ini_table {
-    ini_entry *entries;
-    uint64_t count;
+    ini_entry *entries; /**< sorted by key */
+    uint64_t count;     /**< how many there are */
 } ini_table;
 
 /**

@@ -22,8 +22,17 @@
  * takes some five times its length) and is one write: it is whole, or, on a file system that is
  * full, reported by -1. Nothing here ends the process but an archive name for which there is no
  * memory, with status 1. Any thread may write, open and close logs at any time. log_init() and
- * log_destroy() must not overlap with any other call. A thread may be cancelled (deferred) while it
- * logs: it ends after the record.
+ * log_destroy() must not overlap with any other call, nor with fork(). A thread may be cancelled
+ * (deferred) while it logs: it ends after the record.
+ *
+ * A child that one of several threads forks may log as well, and so may handlers of
+ * pthread_atfork() that were registered after keel was loaded: fork() waits for the records that
+ * are being written, but no longer than a tenth of a second. A log that is rotated longer than that
+ * refuses the child's records. The exception is another thread in a localtime() of the host's own
+ * at the fork, whose lock the C library leaves taken. A child's records go to its parent's files.
+ * Each counts its own, though, and rotates by that: of two that log on, one's records are found in
+ * the archives of the other, and of two archives made in the same millisecond one is lost. So only
+ * one of them logs on, the child where it becomes the daemon.
  *
  * @code{.c}
  * #include <stdlib.h>
@@ -56,13 +65,13 @@
 
 KEEL_BEGIN_DECLS
 
-/** Bits of log_conf.flags: which fields count. */
-#define LOG_CONF_NLOGS 0x1u
-#define LOG_CONF_WRMAX 0x2u
-#define LOG_CONF_LANG 0x4u
-#define LOG_CONF_MASK 0x8u
-#define LOG_CONF_RENAME_GAP 0x10u
-#define LOG_CONF_SINGLETON 0x20u
+/* Bits of log_conf.flags: which fields count. */
+#define LOG_CONF_NLOGS 0x1u       /**< log_conf.nlogs counts */
+#define LOG_CONF_WRMAX 0x2u       /**< log_conf.wrmax counts */
+#define LOG_CONF_LANG 0x4u        /**< log_conf.lang counts */
+#define LOG_CONF_MASK 0x8u        /**< log_conf.mask counts */
+#define LOG_CONF_RENAME_GAP 0x10u /**< log_conf.rename_gap counts */
+#define LOG_CONF_SINGLETON 0x20u  /**< log_conf.singleton counts */
 
 /** Settings for log_init(), which writes back the values that took effect. */
 typedef struct log_conf {
@@ -95,9 +104,10 @@ KEEL_API int log_dump(int id, const void *data, size_t length);
 
 /**
  * Sets logging up in `directory`, which must exist and not be a symbolic link, and opens log 0
- * under the name of the program, the last component of `argv[0]`. `conf` may be null; its
- * values are clamped to their ranges and written back. Returns 0. -1, with nothing set up, on
- * any failure, and with everything left as it is where logging is set up already.
+ * under the name of the program, the last component of `argv[0]`. `conf` may be null; its values
+ * are clamped to their ranges and written back, also on failure. Returns 0; 1 or more where only a
+ * further log could open the file, which is that log's then. -1, with nothing set up, on any
+ * failure, and with everything left as it is where logging is set up already.
  */
 KEEL_API int log_init(char *const argv[], const char *directory, log_conf *conf);
 

@@ -103,10 +103,10 @@ KEEL_API int queue_size(blocking_queue *queue);
 KEEL_END_DECLS
 
 #ifdef __cplusplus
-/** queue_timedput() under the name that C leaves to the ring queue. */
+/** C++ alone: queue_timedput() under the name that C leaves to the ring queue. */
 KEEL_API int queue_push(blocking_queue *queue, const void *data, size_t len, int64_t timeout);
 
-/** queue_timedget() under the name that C leaves to the ring queue. */
+/** C++ alone: queue_timedget() under the name that C leaves to the ring queue. */
 KEEL_API ssize_t queue_pop(blocking_queue *queue, void *buf, size_t bufsize, int64_t timeout);
 #endif
 

@@ -35,9 +35,9 @@ KEEL_BEGIN_DECLS
 
 /** A socket address of 28 bytes, IPv4 or IPv6. */
 typedef union xsockaddr {
-    struct sockaddr sa;
-    struct sockaddr_in in;
-    struct sockaddr_in6 in6;
+    struct sockaddr sa;      /**< what the system's calls take */
+    struct sockaddr_in in;   /**< IPv4 */
+    struct sockaddr_in6 in6; /**< IPv6 */
 } xsockaddr;
 
 /** An open socket and what it was opened as. */

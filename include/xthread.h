@@ -64,8 +64,8 @@ typedef void *(*thread_routine)(void *);
 
 /** A code and its text. */
 typedef struct stat_desc {
-    int32_t code;
-    const char *text;
+    int32_t code;     /**< the code, which is also its index */
+    const char *text; /**< what it means */
 } stat_desc;
 
 /** The states of a thread: 0 "Idle", created; 1 "Busy", running; 2 "Hung", a pool's worker waiting
@@ -155,8 +155,8 @@ KEEL_API void *thread_run_for_pool(void *self);
 
 /** One slot of a pool's queue. */
 typedef struct threadpool_task {
-    thread_routine routine;
-    void *arg;
+    thread_routine routine; /**< what is run */
+    void *arg;              /**< what it is given */
 } threadpool_task;
 
 /** A sparse table of a pool's workers. */

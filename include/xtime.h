@@ -68,16 +68,16 @@ typedef struct timertask {
 
 /** A place in a list of tasks. */
 typedef struct timer_node {
-    struct timer_node *prev;
-    struct timer_node *next;
-    timertask *data;
+    struct timer_node *prev; /**< the place before it, or null */
+    struct timer_node *next; /**< the place behind it, or null */
+    timertask *data;         /**< the task */
 } timer_node;
 
 /** A list of tasks. */
 typedef struct timer_list {
-    timer_node *head;
-    timer_node *tail;
-    uint64_t count;
+    timer_node *head;                                 /**< its first place, or null */
+    timer_node *tail;                                 /**< its last place, or null */
+    uint64_t count;                                   /**< how many places it has */
     void (*destroy)(timertask **data);                /**< timertask_del() */
     void (*copy)(timertask **data, timertask **item); /**< null: the pointer is stored as it is */
     int32_t (*compare)(timertask **a, timertask **b); /**< the order it is kept in, or null */

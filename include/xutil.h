@@ -74,8 +74,8 @@ typedef struct ifi_info {
 
 /**
  * Lists the interfaces of this machine: those with an IPv4 address first, an alias as one of its
- * own, then all others that /proc/net/dev names, with nothing but their name. Null where there is
- * none. `family` is not looked at. Given back with free_ifi_info().
+ * own, then all others that /proc/net/dev names, if it can be opened, with nothing but their name.
+ * Null where there is none. `family` is not looked at. Given back with free_ifi_info().
  *
  * The process ends where the system refuses an answer, as it does for an interface that vanishes
  * meanwhile: Socket(), Ioctl(), and Calloc() and Realloc() of xwrap.h say how.
@@ -92,8 +92,8 @@ KEEL_API void release_ifi_info(ifi_info *ifi);
 KEEL_API int is_ifi_info_exist(const ifi_info *head, const char *name);
 
 /**
- * Appends a record to a list: `*tail` is where the pointer to it goes, and moves on behind it. It
- * has the first 15 characters of `name` and nothing else. Returns it.
+ * Appends a record to a list: `*tail` is where the pointer to it goes, neither of them null, and
+ * moves on behind it. It has the first 15 characters of `name` and nothing else. Returns it.
  */
 KEEL_API ifi_info *add_ifi_info(ifi_info ***tail, const char *name);
 
