@@ -47,6 +47,8 @@ void *__wrap_realloc(void *block, std::size_t size);
 char *__wrap_strdup(const char *text);
 __attribute__((format(printf, 2, 0))) int __wrap_vasprintf(char **text, const char *format,
                                                            va_list arguments);
+__attribute__((format(printf, 3, 0))) int
+__wrap___vasprintf_chk(char **text, int flag, const char *format, va_list arguments);
 
 void *__wrap_malloc(std::size_t size) {
     return keel_test::allocation_fails() ? nullptr : __real_malloc(size);
@@ -70,5 +72,10 @@ int __wrap_vasprintf(char **text, const char *format, va_list arguments) {
         return __real_vasprintf(text, format, arguments);
     *text = reinterpret_cast<char *>(16);
     return -1;
+}
+
+/* Its name where the library is compiled with fortified calls. */
+int __wrap___vasprintf_chk(char **text, int /*flag*/, const char *format, va_list arguments) {
+    return __wrap_vasprintf(text, format, arguments);
 }
 }
