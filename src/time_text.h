@@ -3,8 +3,16 @@
 
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
+
+#include "mutex_lock.h"
 
 namespace keel {
+
+/* The C library takes a lock of its own in localtime_r(), and in a child of a process with several
+ * threads it stays taken if another thread was in there. So none is while one forks: xlog.cpp then
+ * holds this. */
+inline pthread_mutex_t local_time_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 struct local_time {
     tm fields{};
@@ -13,6 +21,7 @@ struct local_time {
 
 inline local_time local_time_of(const timespec &time) {
     local_time local;
+    const mutex_lock lock(local_time_mutex, 200);
     localtime_r(&time.tv_sec, &local.fields);
     local.milliseconds = static_cast<int>(time.tv_nsec / 1'000'000);
     return local;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <pthread.h>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utility>
@@ -85,6 +86,57 @@ pthread_mutex_t stdout_mutex = PTHREAD_MUTEX_INITIALIZER;
 /* Makes one log_open() or log_close() at a time, so that the search for a path and the taking of a
  * slot are one step: one path is never open in two logs. Taken before any log's mutex. */
 pthread_mutex_t slots_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+/* ---- Forks ---------------------------------------------------------------------------------- */
+
+/* A child has of its parent's threads only the one that forked: a mutex that another held would
+ * stay locked there for ever, over a file half rotated. So the thread that forks takes them all, as
+ * far as it gets them: a log may be a FIFO that nobody reads, and a signal handler that forks may
+ * have interrupted this very thread in a call. The child begins with new ones. */
+
+thread_local std::uint32_t taken_for_fork; // a bit for each, in this order
+
+template <class Operation>
+void for_each_mutex(Operation operate) {
+    std::uint32_t bit = 1;
+    operate(slots_mutex, bit);
+    for (std::uint64_t slot = 0; fmtxs != nullptr && slot < settings.nlogs; slot++)
+        operate(fmtxs[slot], bit <<= 1);
+    operate(stdout_mutex, bit << 1);
+    operate(keel::local_time_mutex, bit << 2);
+}
+
+void before_fork() {
+    constexpr long patience = 100'000'000; // nanoseconds, for all together
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_nsec += patience;
+    deadline.tv_sec += deadline.tv_nsec / 1'000'000'000;
+    deadline.tv_nsec %= 1'000'000'000;
+    taken_for_fork = 0;
+    for_each_mutex([&](pthread_mutex_t &mutex, std::uint32_t bit) {
+        if (pthread_mutex_timedlock(&mutex, &deadline) == 0)
+            taken_for_fork |= bit;
+    });
+}
+
+void after_fork() {
+    for_each_mutex([](pthread_mutex_t &mutex, std::uint32_t bit) {
+        if ((taken_for_fork & bit) != 0)
+            pthread_mutex_unlock(&mutex);
+    });
+}
+
+void after_fork_in_child() {
+    for_each_mutex(
+        [](pthread_mutex_t &mutex, std::uint32_t) { pthread_mutex_init(&mutex, nullptr); });
+}
+
+/* Before all that is registered by hosts, whose own handlers are outside of these then, and may
+ * log. */
+[[gnu::constructor(101)]] void guard_forks() {
+    pthread_atfork(before_fork, after_fork, after_fork_in_child);
+}
 
 /* ---- Records -------------------------------------------------------------------------------- */
 

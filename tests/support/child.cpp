@@ -22,8 +22,8 @@ extern "C" const char *__tsan_default_options(); // NOLINT
 const char *__asan_default_options() {
     return "allocator_may_return_null=1:max_allocation_size_mb=256";
 }
-const char *__tsan_default_options() {
-    return "allocator_may_return_null=1:max_allocation_size_mb=256";
+const char *__tsan_default_options() { // and children of several threads may start their own
+    return "allocator_may_return_null=1:max_allocation_size_mb=256:die_after_fork=0";
 }
 
 namespace {
