@@ -94,18 +94,22 @@ std::size_t write_output(char *buffer, std::size_t size, std::size_t n, void *st
 
 /* ---- Sessions -------------------------------------------------------------------------------- */
 
-unique_handle new_session(const char *url, const char *user, const char *password,
-                          const ftp_opt &opt) {
-    unique_handle session(curl_easy_init != nullptr ? curl_easy_init() : nullptr);
+/* Makes a session, or tells why there is none: `without_handle`, or libcurl's word on a text that
+ * it found no memory for. Without its login a session would be somebody else's. */
+CURLcode open_session(unique_handle &session, CURLcode without_handle, const char *url,
+                      const char *user, const char *password, const ftp_opt &opt) {
+    session.reset(curl_easy_init != nullptr ? curl_easy_init() : nullptr);
     if (session == nullptr)
-        return session;
+        return without_handle;
     CURL *handle = session.get();
-    curl_easy_setopt(handle, CURLOPT_URL, url);
-    if (user != nullptr) {
+    CURLcode taken = curl_easy_setopt(handle, CURLOPT_URL, url);
+    if (taken == CURLE_OK && user != nullptr) {
         char login[256];
         std::snprintf(login, sizeof login, "%s:%s", user, password != nullptr ? password : "");
-        curl_easy_setopt(handle, CURLOPT_USERPWD, login);
+        taken = curl_easy_setopt(handle, CURLOPT_USERPWD, login);
     }
+    if (taken != CURLE_OK)
+        return taken;
     curl_easy_setopt(handle, CURLOPT_VERBOSE, opt.verbose != 0 ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, opt.progress != 0 ? 0L : 1L);
     if (opt.connect_timeout > 0)
@@ -113,7 +117,7 @@ unique_handle new_session(const char *url, const char *user, const char *passwor
     if (opt.response_timeout > 0)
         curl_easy_setopt(handle, CURLOPT_FTP_RESPONSE_TIMEOUT,
                          static_cast<long>(opt.response_timeout));
-    return session;
+    return CURLE_OK;
 }
 
 /* With what the stream still holds back. */
@@ -180,8 +184,9 @@ CURLcode download(CURL *session, FILE *stream, std::int64_t &offset) {
 
 CURLcode download_to(FILE *stream, const char *url, const char *user, const char *password,
                      const ftp_opt &opt, std::int64_t &offset) {
-    const unique_handle session = new_session(url, user, password, opt);
-    return session != nullptr ? download(session.get(), stream, offset) : CURLE_GOT_NOTHING;
+    unique_handle session;
+    const CURLcode opened = open_session(session, CURLE_GOT_NOTHING, url, user, password, opt);
+    return opened == CURLE_OK ? download(session.get(), stream, offset) : opened;
 }
 
 /* What a stream still holds back is dropped with the rest of what it wrote; it goes on at its end.
@@ -197,9 +202,10 @@ CURLcode run_commands(const char *url, const char *user, const char *password, c
     const keel::cancel_shield shield;
     ftp_opt options{};
     adjust_ftp_opt(&options, opt);
-    const unique_handle session = new_session(url, user, password, options);
-    if (session == nullptr)
-        return CURLE_QUOTE_ERROR;
+    unique_handle session;
+    const CURLcode opened = open_session(session, CURLE_QUOTE_ERROR, url, user, password, options);
+    if (opened != CURLE_OK)
+        return opened;
     unique_commands list;
     while (const char *command = va_arg(commands, const char *)) {
         curl_slist *longer = curl_slist_append(list.get(), command);
@@ -235,9 +241,9 @@ CURLcode ftp_upload(const char *url, const char *local, const char *user, const 
     FILE *stream = options.stream != nullptr ? options.stream : own.get();
     if (stream == nullptr)
         return CURLE_GOT_NOTHING;
-    const unique_handle session = new_session(url, user, password, options);
-    return session != nullptr ? upload(session.get(), stream, options.overwrite != 0)
-                              : CURLE_GOT_NOTHING;
+    unique_handle session;
+    const CURLcode opened = open_session(session, CURLE_GOT_NOTHING, url, user, password, options);
+    return opened == CURLE_OK ? upload(session.get(), stream, options.overwrite != 0) : opened;
 }
 
 CURLcode ftp_download(const char *url, const char *local, const char *user, const char *password,

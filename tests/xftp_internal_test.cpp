@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "xftp.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -34,7 +35,8 @@ using callback = std::size_t (*)(char *, std::size_t, std::size_t, void *);
 
 struct stand_in {
     bool has_handle = true;
-    int commands_left = 100; /* until one finds no memory */
+    CURLoption refused = CURLOPT_LASTENTRY; /* for which there is no memory */
+    int commands_left = 100;                /* until one finds no memory */
     int lists = 0;
     strings steps{};
     std::map<CURLoption, void *> pointers{};
@@ -107,6 +109,8 @@ CURL *__wrap_curl_easy_init() {
 
 CURLcode __wrap_curl_easy_setopt(CURL * /*handle*/, int number, ...) {
     const auto option = static_cast<CURLoption>(number);
+    if (option == curl.refused)
+        return CURLE_OUT_OF_MEMORY;
     va_list arguments;
     va_start(arguments, number);
     string value;
@@ -509,6 +513,20 @@ TEST_F(FtpSteps, TellsWhereThereIsNoHandle) {
     EXPECT_EQ(ftp_command(url, "user", "secret", &quiet, "NOOP", nullptr), CURLE_QUOTE_ERROR);
     EXPECT_EQ(ftp_rename(url, "user", "secret", &quiet, "a", "b"), CURLE_QUOTE_ERROR);
     EXPECT_EQ(curl.steps, strings{});
+}
+
+TEST_F(FtpSteps, OpensNoSessionWithoutItsUrlOrItsLogin) {
+    write_file(local_, "some text");
+    for (const CURLoption option : {CURLOPT_URL, CURLOPT_USERPWD}) {
+        curl = stand_in();
+        curl.refused = option;
+        EXPECT_EQ(upload(), CURLE_OUT_OF_MEMORY);
+        EXPECT_EQ(download(), CURLE_OUT_OF_MEMORY);
+        EXPECT_EQ(ftp_command(url, "user", "secret", &quiet, "NOOP", nullptr), CURLE_OUT_OF_MEMORY);
+        EXPECT_EQ(std::count(curl.steps.begin(), curl.steps.end(), "perform"), 0);
+        EXPECT_EQ(std::count(curl.steps.begin(), curl.steps.end(), "clean up"), 3);
+    }
+    EXPECT_EQ(content_of(local_), "some text");
 }
 
 TEST_F(FtpSteps, SendsNoCommandWhereMemoryForOneRunsOut) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -90,12 +91,19 @@ class process {
         return end.si_pid != 0;
     }
 
-    /* A program has been started a moment before it has its arguments. */
+    /* For a moment a program that has been started still has this one's arguments, and then none.
+     */
     void await_arguments() const {
-        const std::string path = "/proc/" + std::to_string(pid_) + "/cmdline";
+        const std::string entry = "/proc/" + std::to_string(pid_);
+        const auto program_of = [](const std::string &of) {
+            std::error_code gone;
+            return std::filesystem::read_symlink(of + "/exe", gone);
+        };
+        const std::filesystem::path own = program_of("/proc/self");
         eventually([&] {
-            std::ifstream arguments(path);
-            return !arguments || arguments.peek() != EOF || has_ended();
+            std::ifstream arguments(entry + "/cmdline");
+            return !arguments || (program_of(entry) != own && arguments.peek() != EOF) ||
+                   has_ended();
         });
     }
 
