@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Every public header compiles, alone and behind every other one, as C11 and as C++17, with gcc and with
-clang, without a warning; and is guarded under its own name.
+clang, without a warning; keel.hpp does so in each C++ since then; and each is guarded under its own name.
 
 usage: headers.py SOURCE_DIR [HEADERS_OF_CLIENT_LIBRARIES...]"""
 import concurrent.futures
@@ -13,6 +13,7 @@ import sys
 include = pathlib.Path(sys.argv[1]) / "include"
 headers = sorted(h.name for h in include.glob("*.h"))
 COMPILERS = [("gcc", "c", "c11"), ("g++", "c++", "c++17"), ("clang", "c", "c11"), ("clang++", "c++", "c++17")]
+LATER = [(compiler, "c++", standard) for compiler in ("g++", "clang++") for standard in ("c++17", "c++20", "c++2b")]
 FLAGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic", "-Werror", f"-I{include}"]
 FLAGS += [option for directory in sys.argv[2:] for option in ("-isystem", directory)]
 
@@ -26,13 +27,15 @@ def compile_headers(job):
 
 
 def guard_complaint(name):
-    guard = "KEEL_" * (name != "keel.h") + name.removesuffix(".h").upper() + "_H"
+    guard = "KEEL_" * (not name.startswith("keel.")) + name.upper().replace(".", "_")
     guarded = f"#ifndef {guard}\n#define {guard}\n" in (include / name).read_text()
     return "" if guarded else f"{name}: not guarded by {guard}"
 
 
 # A header behind itself stands for the header alone.
 jobs = list(itertools.product(COMPILERS, itertools.product(headers, repeat=2)))
+headers.append("keel.hpp")
+jobs += itertools.product(LATER, itertools.product(headers, ["keel.hpp"]))
 with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
     complaints = [c for c in pool.map(compile_headers, jobs) if c]
 complaints += [c for c in map(guard_complaint, headers) if c]
