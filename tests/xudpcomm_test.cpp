@@ -1088,6 +1088,10 @@ TEST_F(UdpcommStress, TwoNetworksExchangeAMillionDatagramsAndCountThemExactly) {
         for (int n = 0; n < correspondent::at_a_time; n++)
             sides[i].room.post();
         networks.in(i, [&] { sides[i].u = open_at(here, two_networks::address(i)); });
+        const int plenty = 8 << 20; // for as long as the receiving thread is kept from running
+        ASSERT_EQ(
+            setsockopt(sides[i].u->sock->fd, SOL_SOCKET, SO_RCVBUFFORCE, &plenty, sizeof plenty),
+            0);
     }
     for (correspondent &side : sides)
         ASSERT_EQ(udpcomm_start(side.u, correspondent::take, &side), 0);
