@@ -99,9 +99,9 @@ int status_of_child(const std::function<void()> &body) {
     return 255;
 }
 
-/* From several threads at once, until one fails. */
+/* From several threads at once, if children of theirs may allocate, until one fails. */
 void fork_repeatedly(int times, const std::function<void(int)> &body) {
-    constexpr int threads = 3;
+    const int threads = children_may_allocate ? 3 : 1;
     std::atomic<int> next = 0;
     std::atomic<int> status = 0;
     {
