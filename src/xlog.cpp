@@ -92,7 +92,7 @@ pthread_mutex_t slots_mutex = PTHREAD_MUTEX_INITIALIZER;
 /* A child has of its parent's threads only the one that forked: a mutex that another held would
  * stay locked there for ever, over a file half rotated. So the thread that forks takes them all, as
  * far as it gets them: a log may be a FIFO that nobody reads, and a signal handler that forks may
- * have interrupted this very thread in a call. The child begins with new ones. */
+ * have interrupted this very thread in a call. Those the child makes anew. */
 
 thread_local std::uint32_t taken_for_fork; // a bit for each, in this order
 
@@ -128,8 +128,11 @@ void after_fork() {
 }
 
 void after_fork_in_child() {
-    for_each_mutex(
-        [](pthread_mutex_t &mutex, std::uint32_t) { pthread_mutex_init(&mutex, nullptr); });
+    after_fork();
+    for_each_mutex([](pthread_mutex_t &mutex, std::uint32_t bit) {
+        if ((taken_for_fork & bit) == 0)
+            pthread_mutex_init(&mutex, nullptr);
+    });
 }
 
 /* Before all that is registered by hosts, whose own handlers are outside of these then, and may
