@@ -13,13 +13,10 @@ cd "$dir" || exit 1
 chmod 755 . # for the server, who runs as somebody else
 mkdir db
 
-until_true() { # WHAT COMMAND...: waits for a minute
-    local what=$1 deadline=$((SECONDS + 60))
+until_true() { # WHAT COMMAND...
+    local what=$1
     shift
-    until "$@" 2>/dev/null; do
-        [ $SECONDS -lt $deadline ] || { echo "FAILED: $what does not come"; tail -n 5 err; exit 1; }
-        sleep 0.05
-    done
+    soon "$@" || { echo "FAILED: $what does not come"; tail -n 5 err; exit 1; }
 }
 
 start_server() {

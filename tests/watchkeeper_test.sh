@@ -147,17 +147,11 @@ printf 'proc1 = %s, %s, %s 3600\nproc2 = absent%s\n' $nap "$dir" $nap $$ >watch.
 read -r port beat <<<"$(python3 ask.py 0)"
 printf '%s\n' '[log]' 'directory = log' '[watch]' 'processes = watch.conf' 'pause = 5' \
     '[remote]' "listen = 127.0.0.1:$port" >watch.ini
-await() { # COUNT TEXT: waits until the log holds so many of them
-    local tries=0
-    until [ -e log/watchkeeper.log ] && [ "$(grep -c "$2" log/watchkeeper.log)" -ge "$1" ]; do
-        [ $((tries++)) -lt 1200 ] || { echo "FAILED: no $1 of $2 in $(cat log/*)"; failed=1; break; }
-        sleep 0.05
-    done
-}
+has_logged() { [ "$(grep -c "$2" log/watchkeeper.log)" -ge "$1" ]; } # COUNT TEXT
 last_pid() { sed -n "s/.* $nap: running, pid //p" log/watchkeeper.log | tail -n 1; }
 "$watchkeeper" watch.ini >reports &
 service=$!
-await 1 " $nap: running, pid"
+check "a running process" soon has_logged 1 " $nap: running, pid"
 first=$(last_pid)
 check "a process of that name" grep -qzxF "$dir/$nap" "/proc/$first/cmdline"
 "$watchkeeper" --status "127.0.0.1:$port" >status
@@ -165,7 +159,7 @@ check "its state in the status: $(cat status)" grep -qE \
     "^$nap +running +pid $first +cpu +[0-9.]+%  memory +[0-9.]+%  up 0d 00:0[0-9]:[0-9]{2}\$" status
 check "the state of one that is only watched" grep -qE "^absent$$ +not running\$" status
 kill -KILL "$first"
-await 2 " $nap: running, pid"
+check "a process that runs again" soon has_logged 2 " $nap: running, pid"
 second=$(last_pid)
 kill $service
 check "status 0" wait $service
@@ -190,10 +184,7 @@ sed 's/^snapshot = 1 /snapshot = 3600 /' shipped.ini >patient.ini
 for signal in TERM INT; do
     "$watchkeeper" patient.ini >reports &
     service=$!
-    until grep -q 'since boot' log/watchkeeper.log 2>/dev/null; do
-        kill -0 $service || break
-        sleep 0.05
-    done
+    check "a look before SIG$signal" soon has_logged 1 'since boot'
     kill -$signal $service
     check "status 0 after SIG$signal" wait $service
     check "only the archive left after SIG$signal" test "$(ls log | grep -cv _)" = 0

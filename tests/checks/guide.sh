@@ -8,7 +8,6 @@ library=$2
 napper=$3
 . "$source/tests/support/program_test.sh"
 dir=$(mktemp -d)
-service=
 killed=none
 trap 'kill $service 2>/dev/null; pkill -f "^/*$dir/nap$$"; rm -rf "$dir"' EXIT
 cd "$dir" || exit 1
@@ -34,15 +33,6 @@ compiles() {
         -Wl,-rpath,"$library" -o sentry
 }
 logged() { grep -qF -- "$1" log/sentry.log; }
-soon() { # COMMAND...
-    local i
-    for ((i = 0; i < 600; i++)); do
-        "$@" 2>/dev/null && return
-        kill -0 "$service" 2>/dev/null || return 1
-        sleep 0.05
-    done
-    return 1
-}
 answers() {
     python3 -c 'import socket, sys
 s = socket.socket(type=socket.SOCK_DGRAM)

@@ -7,6 +7,16 @@ check() { # WHAT COMMAND...
     "$@" || { echo "FAILED: $what"; failed=1; }
 }
 
+# Waits until a command succeeds, a minute at the most, and no longer than the process $service is there.
+service=
+soon() { # COMMAND...
+    local deadline=$((SECONDS + 60))
+    until "$@" 2>/dev/null; do
+        [ $SECONDS -lt $deadline ] && { [ -z "$service" ] || kill -0 "$service" 2>/dev/null; } || return 1
+        sleep 0.05
+    done
+}
+
 # A program that does not accept its arguments ends with the status $expected, or 2, and says why.
 refused() { # PROGRAM TEXT ARGUMENT...
     local program=$1 text=$2 status=0
