@@ -55,11 +55,8 @@ int main(void) {
     return log_print(0, 0x40, "up %d seconds", seconds) == -1;
 }
 HOST
-example_of() {
-    sed -n '/@code/,/@endcode/{/@.*code/d; s/^ \*//; s/^ //; p}' "$prefix/include/keel/$1.h"
-}
-example_of xftp >fetch.c
-example_of xdb_mysql >query.c
+"$source/tests/support/usage_example.sh" include/keel/xftp.h >fetch.c
+"$source/tests/support/usage_example.sh" include/keel/xdb_mysql.h >query.c
 for host in host fetch query; do cp "$host.c" "$host.cpp"; done
 strict=(-Wall -Wextra -Wpedantic -Wshadow -Wundef -Wformat=2 -Werror)
 
