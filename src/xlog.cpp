@@ -113,7 +113,6 @@ void before_fork() {
     deadline.tv_nsec += patience;
     deadline.tv_sec += deadline.tv_nsec / 1'000'000'000;
     deadline.tv_nsec %= 1'000'000'000;
-    taken_for_fork = 0;
     for_each_mutex([&](pthread_mutex_t &mutex, std::uint32_t bit) {
         if (pthread_mutex_timedlock(&mutex, &deadline) == 0)
             taken_for_fork |= bit;
@@ -121,16 +120,19 @@ void before_fork() {
 }
 
 void after_fork() {
-    for_each_mutex([](pthread_mutex_t &mutex, std::uint32_t bit) {
-        if ((taken_for_fork & bit) != 0)
+    const std::uint32_t taken = std::exchange(taken_for_fork, 0);
+    for_each_mutex([=](pthread_mutex_t &mutex, std::uint32_t bit) {
+        if ((taken & bit) != 0)
             pthread_mutex_unlock(&mutex);
     });
 }
 
 void after_fork_in_child() {
-    after_fork();
-    for_each_mutex([](pthread_mutex_t &mutex, std::uint32_t bit) {
-        if ((taken_for_fork & bit) == 0)
+    const std::uint32_t taken = std::exchange(taken_for_fork, 0);
+    for_each_mutex([=](pthread_mutex_t &mutex, std::uint32_t bit) {
+        if ((taken & bit) != 0)
+            pthread_mutex_unlock(&mutex);
+        else
             pthread_mutex_init(&mutex, nullptr);
     });
 }

@@ -20,6 +20,7 @@
 #include <regex>
 #include <string>
 #include <sys/inotify.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <thread>
@@ -333,21 +334,28 @@ TEST_F(Forks, ComeBackInASignalHandlerThatInterruptedARecord) {
 }
 #endif
 
+bool waits_in_write(pid_t thread) {
+    const std::string call =
+        keel_test::content_of("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    return call.starts_with(std::to_string(SYS_write) + ' ');
+}
+
 TEST_F(Forks, DoNotWaitForAReaderOfStandardOutput) {
     const child_result result = run_in_child([] {
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], STDOUT_FILENO) == -1)
             _exit(1);
         const std::string text(4000, '.');
-        std::atomic<int> records = 0;
+        std::atomic<pid_t> logger = 0;
         std::thread logging([&] {
-            for (;; records++) // more than a pipe holds
+            logger = gettid();
+            for (;;) // more than a pipe holds
                 log_print(0, 0x8, "%s", text.c_str());
         });
         logging.detach();
-        for (int last = -1; last != records; usleep(100'000))
-            last = records;
-        _exit(status_of_child([] {}));
+        _exit(eventually([&] { return logger != 0 && waits_in_write(logger); })
+                  ? status_of_child([] {})
+                  : 2);
     });
     EXPECT_EQ(result, exited(0));
 }
